@@ -1,0 +1,43 @@
+#include <zq5/histogram.h>
+
+#include <cmath>
+#include <limits>
+
+namespace zq5 {
+
+histogram::histogram(double lower, double upper, std::size_t bins) noexcept
+    : lower_(lower), upper_(upper), bins_(bins < 1 ? 1 : (bins > max_bins ? max_bins : bins)) {
+    reset();
+}
+
+histogram::~histogram() = default;
+
+void histogram::reset() noexcept {
+    count_ = below_ = above_ = 0;
+    sum_ = 0.0;
+    min_ = std::numeric_limits<double>::infinity();
+    max_ = -std::numeric_limits<double>::infinity();
+    for (std::size_t k = 0; k < max_bins; ++k) counts_[k] = 0;
+}
+
+void histogram::process(double value) {
+    ++count_;
+    if (!std::isnan(value)) {
+        sum_ += value;
+        if (value < min_) min_ = value;
+        if (value > max_) max_ = value;
+    }
+    if (!(value >= lower_)) {
+        ++below_;
+    } else if (value >= upper_) {
+        ++above_;
+    } else {
+        std::size_t k = static_cast<std::size_t>((value - lower_) / (upper_ - lower_) * static_cast<double>(bins_));
+        if (k >= bins_) k = bins_ - 1;
+        ++counts_[k];
+    }
+}
+
+double histogram::mean() const noexcept { return count_ ? sum_ / static_cast<double>(count_) : 0.0; }
+
+}  // namespace zq5
