@@ -16,9 +16,9 @@ namespace detail {
 /// Homogeneous connectivities: matrices[i] holds elements of kind types[i] and
 /// comes from input matrix sources[i].
 struct homogeneous_connectivities {
-    vec<dense2D<unsigned>> matrices;
-    vec<element_type> types;
-    vec<std::size_t> sources;
+    zq5::detail::vec<dense2D<unsigned>> matrices;
+    zq5::detail::vec<element_type> types;
+    zq5::detail::vec<std::size_t> sources;
 };
 
 /// Splits the range [begin, end) of connectivities, one kind per matrix in

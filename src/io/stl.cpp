@@ -203,7 +203,7 @@ int read_binary(FILE* f, facets& out) noexcept {
 
     if (!out.grow(count)) return kNoMemory;
     constexpr std::size_t kChunk = 4096;  // facets per read
-    detail::vec<unsigned char> buffer;
+    zq5::detail::vec<unsigned char> buffer;
     try {
         buffer.resize(kChunk * kFacetBytes);
     } catch (const std::bad_alloc&) {
@@ -340,11 +340,11 @@ int STL_input(const char* filename, dense2D<double>& pos, dense2D<unsigned>& con
     status = share_nodes(mesh, connect);
     if (status < 0) return status;
     if (mesh.pos.rows() != 3) mesh.pos.resize(3, 0);
-    // Merging leaves most of the storage unused: keep an exact copy when one can
-    // be had (the larger buffer is just as valid when it cannot).
+    // Merging leaves most of the storage unused: hand back an exact copy.
     if (mesh.pos.capacity() > 2 * mesh.pos.entries()) {
         dense2D<double> tight;
-        if (tight.copy(mesh.pos)) mesh.pos = tight;
+        if (!tight.copy(mesh.pos)) return kNoMemory;
+        mesh.pos = tight;
     }
     pos = mesh.pos;
     connectM = connect;

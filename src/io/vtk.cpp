@@ -145,7 +145,9 @@ int vtk_output(FILE* stream, const dense2D<double>& pos, unsigned nbr_cells, con
         w.integer(static_cast<int>(cell_types[i]));
         w.ch('\n');
     }
-    return w.flush() ? 0 : -4;
+    // The stream stays open; flushing it shows a failed write (a full disk) now.
+    const bool written = w.flush();
+    return written && std::fflush(stream) == 0 ? 0 : -4;
 }
 
 int vtk_output(const char* filename, const dense2D<double>& pos, const dense2D<unsigned>* connectM_begin,
@@ -167,12 +169,17 @@ int vtk_output(const char* filename, const dense2D<double>& pos, const dense2D<u
     try {
         detail::homogeneous_connectivities parts;
         const int split = detail::split_mixed_connectivities(connectM_begin, connectM_end, FE_types, parts);
-        if (split != 0) return split;
+        if (split != 0) {
+            std::fclose(f);
+            return split;
+        }
         for (std::size_t i = 0; i < parts.matrices.size(); ++i) {
             const int r = vtk_convert(parts.matrices[i], parts.types[i], nbr_cells, cells, cell_types);
+            if (r == -199) std::fclose(f);
             if (r != 0) return r;
         }
     } catch (const std::bad_alloc&) {
+        std::fclose(f);
         return -199;
     }
     const int status = vtk_output(f, pos, nbr_cells, cells, cell_types);

@@ -149,9 +149,11 @@ NODARA_API int vtk_output(FILE* stream, const dense2D<double>& pos, unsigned nbr
 ///    -4    connectM_end before connectM_begin;
 ///    -5    the range length differs from FE_types.size();
 ///    -3    check_IDs(matrix i, FE_types[i], pos.cols()) fails;
-///  -199    storage cannot grow.
-/// On every error after the file is opened the file is left created empty and its
-/// stream is left open (the documented behaviour of this writer).
+///  -199    storage cannot grow (in the two forms below, also before the file is
+///          opened).
+/// On every error after the file is opened the file is left created empty; its
+/// stream is closed on -199 and left open on every other code (the documented
+/// behaviour of this writer).
 NODARA_API int vtk_output(const char* filename, const dense2D<double>& pos, const dense2D<unsigned>* connectM_begin,
                           const dense2D<unsigned>* connectM_end, const dense1D<int>& FE_types) noexcept;
 
