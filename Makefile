@@ -44,7 +44,7 @@ test-asan:
 	$(CMAKE) --build $(ASAN_DIR) -j$(JOBS)
 	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  $(CTEST) --output-on-failure -j$(JOBS) -LE interop
+	  $(CTEST) --output-on-failure -j$(JOBS) -LE "interop|install"
 
 bench: deps
 	$(CMAKE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release -DNODARA_BUILD_TESTS=OFF -DNODARA_BUILD_BENCHMARKS=ON

@@ -198,7 +198,7 @@ mesh tetra_mesh(unsigned nx, unsigned ny, unsigned nz) {
                         bits |= 1u << p[s];
                         t[s + 1] = c[corner_of_bits[bits]];
                     }
-                    if (tet_volume6(m.pos, t[0], t[1], t[2], t[3]) < 0) std::swap(t[1], t[2]);
+                    if (tet_volume6(m.pos, t[0], t[1], t[2], t[3]) > 0) std::swap(t[1], t[2]);
                     append(v, {t[0], t[1], t[2], t[3]}, 4);
                 }
             }

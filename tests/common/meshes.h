@@ -1,9 +1,12 @@
 // Test fixtures: structured meshes of every linear element kind.
 //
 // Grids are made of nx x ny (x nz) unit cells; node (i, j[, k]) has coordinates
-// (i, j[, k]) and index i + (nx+1) * (j + (ny+1) * k).  Every element is positively
-// oriented (counter-clockwise triangles and quadrangles seen from +z; solids with
-// positive volume, the pyramid base turning counter-clockwise seen from the apex).
+// (i, j[, k]) and index i + (nx+1) * (j + (ny+1) * k).  Every element has the
+// library's positive orientation: triangles and quadrangles turn counter-clockwise
+// seen from +z; the local faces of a solid (in the library's face numbering) have
+// right-hand normals pointing into the element.  For tetrahedra that means
+// (p1 - p0) x (p2 - p0) . (p3 - p0) < 0, the opposite of VTK's convention; hexahedra,
+// wedges and pyramids are ordered as in VTK.
 #ifndef NODARA_TESTS_COMMON_MESHES_H
 #define NODARA_TESTS_COMMON_MESHES_H
 
