@@ -93,7 +93,7 @@ int build(Tree*& t, const dense2D<double>& pos, std::size_t room, const unsigned
         return -199;
     }
     try {
-        t->insert(list, n);
+        t->insert(list, n, true);
     } catch (const std::bad_alloc&) {
         delete_tree(t);
         return -199;

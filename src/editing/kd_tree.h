@@ -104,11 +104,14 @@ public:
     /// Inserts the listed nodes in the seeded shuffled order.  Returns the number
     /// of nodes added.  Throws std::bad_alloc only before anything is changed;
     /// later failures skip the nodes that find no slot.
-    unsigned insert(const unsigned* list, std::size_t n) {
+    /// With `strict`, a failure while building an empty tree leaves it empty and
+    /// propagates instead of falling back to a partial insertion.
+    unsigned insert(const unsigned* list, std::size_t n, bool strict = false) {
         if (n == 0) return 0;
         vec<unsigned> order(list, list + n);
         seeded_shuffle(order.data(), n);
         if (linked_ == 0 && free_.empty() && slots_.empty()) {
+            if (strict) return bulk_insert(order);
             try {
                 return bulk_insert(order);
             } catch (const std::bad_alloc&) {

@@ -29,24 +29,24 @@ bool pad_rows(dense2D<double>& pos, std::size_t dim) {
 }
 
 // A transform of the first N coordinates of a column.
-template <unsigned N>
+template <std::size_t N>
 struct affine {
     double M[N][N];  // linear part, applied to x - c
     double c[N];     // centre
     double t[N];     // translation added after
     void operator()(double* x) const {
         double d[N], y[N];
-        for (unsigned k = 0; k < N; ++k) d[k] = x[k] - c[k];
-        for (unsigned i = 0; i < N; ++i) {
+        for (std::size_t k = 0; k < N; ++k) d[k] = x[k] - c[k];
+        for (std::size_t i = 0; i < N; ++i) {
             double s = 0.0;
-            for (unsigned k = 0; k < N; ++k) s += M[i][k] * d[k];
+            for (std::size_t k = 0; k < N; ++k) s += M[i][k] * d[k];
             y[i] = c[i] + s + t[i];
         }
-        for (unsigned k = 0; k < N; ++k) x[k] = y[k];
+        for (std::size_t k = 0; k < N; ++k) x[k] = y[k];
     }
 };
 
-template <unsigned N>
+template <std::size_t N>
 int apply_all(dense2D<double>& pos, const affine<N>& f) {
     if (!pad_rows(pos, N)) return -199;
     const std::size_t cols = pos.cols();
@@ -54,7 +54,7 @@ int apply_all(dense2D<double>& pos, const affine<N>& f) {
     return static_cast<int>(cols);
 }
 
-template <unsigned N>
+template <std::size_t N>
 int apply_list(dense2D<double>& pos, const affine<N>& f, const unsigned* list, std::size_t n) {
     if (n == 0) return 0;
     if (!pad_rows(pos, N)) return -199;
@@ -69,7 +69,7 @@ int apply_list(dense2D<double>& pos, const affine<N>& f, const unsigned* list, s
     return count;
 }
 
-template <unsigned N>
+template <std::size_t N>
 int apply_matrix(dense2D<double>& pos, const affine<N>& f, const dense2D<unsigned>& connectM) {
     try {
         vec<unsigned> list;
@@ -80,27 +80,20 @@ int apply_matrix(dense2D<double>& pos, const affine<N>& f, const dense2D<unsigne
     }
 }
 
-template <unsigned N>
+template <std::size_t N>
 affine<N> identity_affine() {
     affine<N> f;
-    for (unsigned i = 0; i < N; ++i) {
-        for (unsigned k = 0; k < N; ++k) f.M[i][k] = i == k ? 1.0 : 0.0;
+    for (std::size_t i = 0; i < N; ++i) {
+        for (std::size_t k = 0; k < N; ++k) f.M[i][k] = i == k ? 1.0 : 0.0;
         f.c[i] = 0.0;
         f.t[i] = 0.0;
     }
     return f;
 }
 
-template <unsigned N>
-affine<N> translation(const vector_fixed<double, N>& T) {
-    affine<N> f = identity_affine<N>();
-    for (unsigned k = 0; k < N; ++k) f.t[k] = T[k];
-    return f;
-}
-
-template <unsigned N>
+template <std::size_t N>
 bool is_zero(const vector_fixed<double, N>& T) {
-    for (unsigned k = 0; k < N; ++k)
+    for (std::size_t k = 0; k < N; ++k)
         if (T[k] != 0.0) return false;
     return true;
 }
@@ -141,36 +134,26 @@ affine<3> rotation3(const vector_fixed<double, 3>& center, const vector_fixed<do
     return f;
 }
 
-template <unsigned N>
-affine<N> scaling(const vector_fixed<double, N>& center, double factor) {
-    affine<N> f = identity_affine<N>();
-    for (unsigned k = 0; k < N; ++k) {
-        f.M[k][k] = factor;
-        f.c[k] = center[k];
-    }
-    return f;
-}
-
 // zoom is x + (x - c) (factor - 1), evaluated as written.
-template <unsigned N>
+template <std::size_t N>
 struct zoom_op {
     double c[N];
     double f1;
     void operator()(double* x) const {
-        for (unsigned k = 0; k < N; ++k) x[k] += (x[k] - c[k]) * f1;
+        for (std::size_t k = 0; k < N; ++k) x[k] += (x[k] - c[k]) * f1;
     }
 };
 
-template <unsigned N>
+template <std::size_t N>
 struct translate_op {
     double t[N];
     void operator()(double* x) const {
-        for (unsigned k = 0; k < N; ++k) x[k] += t[k];
+        for (std::size_t k = 0; k < N; ++k) x[k] += t[k];
     }
 };
 
 // The three forms over any column operation.
-template <unsigned N, class Op>
+template <std::size_t N, class Op>
 int run_all(dense2D<double>& pos, const Op& op) {
     if (!pad_rows(pos, N)) return -199;
     const std::size_t cols = pos.cols();
@@ -178,7 +161,7 @@ int run_all(dense2D<double>& pos, const Op& op) {
     return static_cast<int>(cols);
 }
 
-template <unsigned N, class Op>
+template <std::size_t N, class Op>
 int run_list(dense2D<double>& pos, const Op& op, const unsigned* list, std::size_t n) {
     if (n == 0) return 0;
     if (!pad_rows(pos, N)) return -199;
@@ -192,7 +175,7 @@ int run_list(dense2D<double>& pos, const Op& op, const unsigned* list, std::size
     return count;
 }
 
-template <unsigned N, class Op>
+template <std::size_t N, class Op>
 int run_matrix(dense2D<double>& pos, const Op& op, const dense2D<unsigned>& connectM) {
     try {
         vec<unsigned> list;
@@ -203,17 +186,17 @@ int run_matrix(dense2D<double>& pos, const Op& op, const dense2D<unsigned>& conn
     }
 }
 
-template <unsigned N>
+template <std::size_t N>
 translate_op<N> make_translate(const vector_fixed<double, N>& T) {
     translate_op<N> op;
-    for (unsigned k = 0; k < N; ++k) op.t[k] = T[k];
+    for (std::size_t k = 0; k < N; ++k) op.t[k] = T[k];
     return op;
 }
 
-template <unsigned N>
+template <std::size_t N>
 zoom_op<N> make_zoom(const vector_fixed<double, N>& c, double factor) {
     zoom_op<N> op;
-    for (unsigned k = 0; k < N; ++k) op.c[k] = c[k];
+    for (std::size_t k = 0; k < N; ++k) op.c[k] = c[k];
     op.f1 = factor - 1.0;
     return op;
 }
@@ -347,12 +330,12 @@ int copy_core(dense2D<double>& pos, dense2D<unsigned>& connectM_out, const dense
     }
 }
 
-template <unsigned N>
+template <std::size_t N>
 int copy_sym(dense2D<double>& pos, dense2D<unsigned>& connectM_out, const vector_fixed<double, N>& P,
              const vector_fixed<double, N>& normal, const dense2D<unsigned>& connectM_in) {
     if (pos.empty()) return 0;
     double nn = 0.0;
-    for (unsigned k = 0; k < N; ++k) nn += normal[k] * normal[k];
+    for (std::size_t k = 0; k < N; ++k) nn += normal[k] * normal[k];
     if (nn == 0.0) return -4;
     if (!check_IDs(connectM_in, static_cast<unsigned>(pos.cols()))) return -5;
     // Pad first (on a copy-free path: padding before copying keeps a failure
@@ -364,9 +347,9 @@ int copy_sym(dense2D<double>& pos, dense2D<unsigned>& connectM_out, const vector
     for (std::size_t j = first; j < first + n; ++j) {
         double* x = pos.col(j);
         double s = 0.0;
-        for (unsigned k = 0; k < N; ++k) s += (x[k] - P[k]) * normal[k];
+        for (std::size_t k = 0; k < N; ++k) s += (x[k] - P[k]) * normal[k];
         const double f = 2.0 * s / nn;
-        for (unsigned k = 0; k < N; ++k) x[k] -= f * normal[k];
+        for (std::size_t k = 0; k < N; ++k) x[k] -= f * normal[k];
     }
     return 0;
 }
@@ -385,7 +368,7 @@ bool append_columns(dense2D<unsigned>& out, const dense2D<unsigned>& add) {
     return true;
 }
 
-template <unsigned N, class Rot>
+template <std::size_t N, class Rot>
 int copy_repeated(dense2D<double>& pos, dense2D<unsigned>& connectM_out, const vector_fixed<double, N>& T,
                   unsigned count, const dense2D<unsigned>& connectM_in, Rot rotate_k) {
     if (pos.empty() || count == 0) return 0;
@@ -405,7 +388,7 @@ int copy_repeated(dense2D<double>& pos, dense2D<unsigned>& connectM_out, const v
             r = rotate_k(pos, k, nodes);
             if (r < 0) return r;
             vector_fixed<double, N> Tk;
-            for (unsigned d = 0; d < N; ++d) Tk[d] = T[d] * k;
+            for (std::size_t d = 0; d < N; ++d) Tk[d] = T[d] * k;
             r = translate(pos, Tk, nodes);
             if (r < 0) return r;
         } catch (const std::bad_alloc&) {
