@@ -1,0 +1,475 @@
+// Internal: the k-d tree behind node_detector and merge.
+//
+// One slot per inserted node.  The tree is the one that inserting the nodes one by
+// one in a shuffled order builds (MT19937 seeded with 1): a node goes to the upper
+// side of a slot when its coordinate on the slot's axis is greater or equal, to
+// the lower side otherwise, and the axis cycles with the depth.  Building over an
+// empty tree is done in bulk (a stable partition per level that yields exactly
+// the tree of the one-by-one insertion) and lays the slots out in pre-order, lower
+// side first, which is also the order of the box walk; later insertions link new
+// slots one by one.  Each slot carries a copy of its node's coordinates so that a
+// search never leaves the slot array.
+//
+// Every member that allocates throws std::bad_alloc; callers catch it.
+#ifndef NODARA_SRC_EDITING_KD_TREE_H
+#define NODARA_SRC_EDITING_KD_TREE_H
+
+#include "arrays/memory.h"
+
+#include <zq5/arrays.h>
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <random>
+
+namespace zq5 {
+namespace nodara {
+namespace detail {
+
+using zq5::detail::vec;
+
+template <unsigned N>
+struct kd_slot {
+    double x[N];
+    unsigned node;
+    unsigned lo;  // lower child slot or NULL_INDEX
+    unsigned hi;  // upper child slot or NULL_INDEX
+};
+
+/// Positions 0 .. n-1 shuffled as the documented insertion does: for i = 1 .. n-1,
+/// j = r mod (i + 1) with r the next MT19937 (seed 1) output; entries i and j swap.
+inline void seeded_shuffle(unsigned* p, std::size_t n) {
+    std::mt19937 gen(1u);
+    for (std::size_t i = 1; i < n; ++i) {
+        const std::uint64_t r = gen();
+        const std::size_t j = static_cast<std::size_t>(r % (static_cast<std::uint64_t>(i) + 1));
+        if (j != i) {
+            const unsigned t = p[i];
+            p[i] = p[j];
+            p[j] = t;
+        }
+    }
+}
+
+/// A small stack that lives on the call stack and moves to the heap only for
+/// unusually deep trees.
+template <class T>
+class search_stack {
+public:
+    search_stack() = default;
+    search_stack(const search_stack&) = delete;
+    search_stack& operator=(const search_stack&) = delete;
+    void push(const T& v) {
+        if (heap_.empty() && n_ < kLocal) {
+            local_[n_++] = v;
+            return;
+        }
+        if (heap_.empty()) heap_.assign(local_, local_ + n_);
+        heap_.push_back(v);
+        ++n_;
+    }
+    bool empty() const { return n_ == 0; }
+    T pop() {
+        --n_;
+        if (heap_.empty()) return local_[n_];
+        T v = heap_.back();
+        heap_.pop_back();
+        return v;
+    }
+
+private:
+    static constexpr std::size_t kLocal = 96;
+    T local_[kLocal];
+    std::size_t n_ = 0;
+    vec<T> heap_;
+};
+
+template <unsigned N>
+class kd_tree {
+public:
+    explicit kd_tree(const dense2D<double>* coords) : coords_(coords) {}
+
+    const dense2D<double>* coords() const { return coords_; }
+    std::size_t slot_count() const { return slots_.size(); }
+    const kd_slot<N>* slots() const { return slots_.data(); }
+    bool has_nodes() const { return linked_ != 0; }
+
+    void reserve(std::size_t n) {
+        slots_.reserve(n);
+        marks_.reserve((n + 31) / 32);
+    }
+
+    /// Inserts the listed nodes in the seeded shuffled order.  Returns the number
+    /// of nodes added.  Throws std::bad_alloc only before anything is changed;
+    /// later failures skip the nodes that find no slot.
+    /// With `strict`, a failure while building an empty tree leaves it empty and
+    /// propagates instead of falling back to a partial insertion.
+    unsigned insert(const unsigned* list, std::size_t n, bool strict = false) {
+        if (n == 0) return 0;
+        vec<unsigned> order(list, list + n);
+        seeded_shuffle(order.data(), n);
+        if (linked_ == 0 && free_.empty() && slots_.empty()) {
+            if (strict) return bulk_insert(order);
+            try {
+                return bulk_insert(order);
+            } catch (const std::bad_alloc&) {
+                // fall back to the one-by-one insertion, which skips the nodes
+                // it cannot find room for
+            }
+        }
+        return insert_one_by_one(order);
+    }
+
+    /// Same as insert, but the list is known to hold distinct valid nodes and is
+    /// already in insertion order (used by merge).
+    void build_ordered(vec<unsigned>& order) { bulk_insert(order); }
+
+    // ------------------------------------------------------------------ queries
+    /// Nearest node to P (N coordinates), never `exclude`.  NULL_INDEX if none.
+    unsigned closest(const double* P, unsigned exclude) const {
+        if (slots_.empty() || linked_ == 0) return NULL_INDEX;
+        const kd_slot<N>* s = slots_.data();
+        unsigned best = NULL_INDEX;
+        double bestd2 = std::numeric_limits<double>::max();
+        // Greedy descent along P's path.
+        unsigned k = 0;
+        unsigned a = 0;
+        while (k != NULL_INDEX) {
+            const kd_slot<N>& sl = s[k];
+            const double d2 = dist2(P, sl.x);
+            if (sl.node != exclude && d2 < bestd2) {
+                best = sl.node;
+                bestd2 = d2;
+                if (d2 == 0.0) break;
+            }
+            k = (P[a] >= sl.x[a]) ? sl.hi : sl.lo;
+            a = (a + 1 == N) ? 0 : a + 1;
+        }
+        // Bounded search from the root.
+        bool has_r = best != NULL_INDEX;
+        double r = has_r ? std::sqrt(bestd2) : 0.0;
+        struct frame {
+            unsigned slot;
+            unsigned axis;
+            double delta;
+        };
+        search_stack<frame> stack;
+        k = 0;
+        a = 0;
+        for (;;) {
+            bool go_on = false;
+            if (!(r == 0.0 && best != NULL_INDEX)) {
+                const kd_slot<N>& sl = s[k];
+                const double delta = sl.x[a] - P[a];
+                bool test = true;
+                if (has_r) {
+                    for (unsigned c = 0; c < N; ++c)
+                        if (!(P[c] - r <= sl.x[c] && sl.x[c] <= P[c] + r)) {
+                            test = false;
+                            break;
+                        }
+                }
+                if (test && sl.node != exclude) {
+                    const double d2 = dist2(P, sl.x);
+                    if (d2 < bestd2) {
+                        best = sl.node;
+                        bestd2 = d2;
+                        r = std::sqrt(d2);
+                        has_r = true;
+                    }
+                }
+                const unsigned na = (a + 1 == N) ? 0 : a + 1;
+                if (sl.hi != NULL_INDEX && (!has_r || delta <= r)) {
+                    if (sl.lo != NULL_INDEX) stack.push(frame{sl.lo, na, delta});
+                    k = sl.hi;
+                    a = na;
+                    go_on = true;
+                } else if (sl.lo != NULL_INDEX && (!has_r || -delta <= r)) {
+                    k = sl.lo;
+                    a = na;
+                    go_on = true;
+                }
+            }
+            while (!go_on) {
+                if (stack.empty()) return best;
+                const frame f = stack.pop();
+                if (r == 0.0 && best != NULL_INDEX) continue;
+                if (!has_r || -f.delta <= r) {
+                    k = f.slot;
+                    a = f.axis;
+                    go_on = true;
+                }
+            }
+        }
+    }
+
+    /// Calls f(node, slot) for every node inside [lo, hi] (bounds included), in the
+    /// documented walk order.
+    template <class F>
+    void box(const double* lo, const double* hi, F&& f) const {
+        if (slots_.empty() || linked_ == 0) return;
+        const kd_slot<N>* s = slots_.data();
+        struct frame {
+            unsigned slot;
+            unsigned axis;
+        };
+        search_stack<frame> stack;
+        unsigned k = 0, a = 0;
+        for (;;) {
+            const kd_slot<N>& sl = s[k];
+            const double xa = sl.x[a];
+            if (lo[a] <= xa && xa <= hi[a]) {
+                bool in = true;
+                for (unsigned c = 0; c < N; ++c)
+                    if (!(lo[c] <= sl.x[c] && sl.x[c] <= hi[c])) {
+                        in = false;
+                        break;
+                    }
+                if (in) f(sl.node, k);
+            }
+            const unsigned na = (a + 1 == N) ? 0 : a + 1;
+            const bool upper = !(xa > hi[a]) && sl.hi != NULL_INDEX;
+            const bool lower = (xa >= lo[a] || xa > hi[a]) && sl.lo != NULL_INDEX;
+            if (lower) {
+                if (upper) stack.push(frame{sl.hi, na});
+                k = sl.lo;
+                a = na;
+            } else if (upper) {
+                k = sl.hi;
+                a = na;
+            } else {
+                if (stack.empty()) return;
+                const frame fr = stack.pop();
+                k = fr.slot;
+                a = fr.axis;
+            }
+        }
+    }
+
+    /// Deep copy of other's slots, free stack and marks.
+    void copy_from(const kd_tree& o) {
+        slots_ = o.slots_;
+        free_ = o.free_;
+        marks_ = o.marks_;
+        linked_ = o.linked_;
+        coords_ = o.coords_;
+    }
+
+    void coords_of(unsigned v, double* out) const {
+        const double* c = coords_->col(v);
+        const std::size_t rows = coords_->rows();
+        for (unsigned k = 0; k < N; ++k) out[k] = k < rows ? c[k] : 0.0;
+    }
+
+private:
+    static double dist2(const double* P, const double* x) {
+        double d2 = 0.0;
+        for (unsigned k = 0; k < N; ++k) {
+            const double d = P[k] - x[k];
+            d2 += d * d;
+        }
+        return d2;
+    }
+
+    void fill(kd_slot<N>& sl, unsigned v) const {
+        coords_of(v, sl.x);
+        sl.node = v;
+        sl.lo = sl.hi = NULL_INDEX;
+    }
+
+    bool marked(std::size_t s) const { return (marks_[s >> 5] >> (s & 31)) & 1u; }
+    void set_mark(std::size_t s, bool on) {
+        if (on)
+            marks_[s >> 5] |= (1u << (s & 31));
+        else
+            marks_[s >> 5] &= ~(1u << (s & 31));
+    }
+
+    // Takes a slot as the documented insertion does; NULL_INDEX when storage cannot
+    // grow.
+    unsigned take_slot() {
+        while (!free_.empty()) {
+            const std::uint64_t s = free_.back();
+            free_.pop_back();
+            if (s < slots_.size()) {
+                set_mark(static_cast<std::size_t>(s), false);
+                return static_cast<unsigned>(s);
+            }
+        }
+        if (slots_.size() >= NULL_INDEX - 1) return NULL_INDEX;
+        try {
+            if (slots_.size() == slots_.capacity()) {
+                std::size_t want = slots_.size() * 2;
+                if (want < 8) want = 8;
+                slots_.reserve(want);
+            }
+            if (marks_.size() * 32 < slots_.size() + 1) marks_.push_back(0u);
+            slots_.push_back(kd_slot<N>());
+        } catch (const std::bad_alloc&) {
+            return NULL_INDEX;
+        }
+        return static_cast<unsigned>(slots_.size() - 1);
+    }
+
+    unsigned insert_one_by_one(const vec<unsigned>& order) {
+        const std::size_t cols = coords_->cols();
+        unsigned added = 0;
+        for (unsigned v : order) {
+            if (v >= cols) continue;
+            const unsigned ns = take_slot();
+            if (ns == NULL_INDEX) continue;
+            fill(slots_[ns], v);
+            if (linked_ == 0 && ns == 0) {
+                ++linked_;
+                ++added;
+                continue;
+            }
+            // Descend from the root.
+            unsigned k = 0, a = 0;
+            bool present = false;
+            const double* xv = slots_[ns].x;
+            for (;;) {
+                kd_slot<N>& sl = slots_[k];
+                if (sl.node == v) {
+                    present = true;
+                    break;
+                }
+                unsigned& link = (xv[a] >= sl.x[a]) ? sl.hi : sl.lo;
+                a = (a + 1 == N) ? 0 : a + 1;
+                if (link == NULL_INDEX) {
+                    link = ns;
+                    break;
+                }
+                k = link;
+            }
+            if (present) {
+                free_slot(ns);
+            } else {
+                ++linked_;
+                ++added;
+            }
+        }
+        return added;
+    }
+
+    void free_slot(unsigned ns) {
+        if (!marked(ns)) {
+            try {
+                free_.push_back(ns);
+            } catch (const std::bad_alloc&) {
+                return;  // the slot simply stays unused
+            }
+            set_mark(ns, true);
+        }
+    }
+
+    // Builds the tree of the one-by-one insertion of `order` into an empty tree.
+    // On allocation failure the tree is left empty and std::bad_alloc propagates.
+    unsigned bulk_insert(vec<unsigned>& order) {
+        try {
+            return bulk_insert_impl(order);
+        } catch (const std::bad_alloc&) {
+            slots_.clear();
+            free_.clear();
+            marks_.clear();
+            linked_ = 0;
+            throw;
+        }
+    }
+
+    unsigned bulk_insert_impl(vec<unsigned>& order) {
+        const std::size_t cols = coords_->cols();
+        // Drop invalid entries and repeats, and count the slots the one-by-one
+        // insertion would have allocated (a repeat frees its slot for the next).
+        vec<std::uint32_t> seen((cols + 31) / 32, 0u);
+        std::size_t kept = 0, slot_count = 0;
+        bool free_pending = false;
+        for (std::size_t i = 0; i < order.size(); ++i) {
+            const unsigned v = order[i];
+            if (v >= cols) continue;
+            if (free_pending)
+                free_pending = false;
+            else
+                ++slot_count;
+            if ((seen[v >> 5] >> (v & 31)) & 1u) {
+                free_pending = true;
+                continue;
+            }
+            seen[v >> 5] |= 1u << (v & 31);
+            order[kept++] = v;
+        }
+        order.resize(kept);
+        if (kept == 0) {
+            // Only slots freed by repeats: nothing linked.
+            return 0;
+        }
+        slots_.reserve(slot_count);
+        marks_.assign((slot_count + 31) / 32, 0u);
+        slots_.resize(kept);
+        // Work items: a range of `order` (kept in insertion order) that forms the
+        // subtree rooted at slot `slot`, axis `axis`.  The subtree's root is the
+        // range's first node; its lower side follows in the slots (pre-order).
+        vec<unsigned> tmp(kept);
+        struct item {
+            std::size_t begin, end;
+            unsigned slot, axis;
+        };
+        vec<item> work;
+        work.push_back(item{0, kept, 0u, 0u});
+        while (!work.empty()) {
+            const item it = work.back();
+            work.pop_back();
+            const unsigned root = order[it.begin];
+            kd_slot<N>& sl = slots_[it.slot];
+            fill(sl, root);
+            const std::size_t n = it.end - it.begin;
+            if (n == 1) continue;
+            const double split = sl.x[it.axis];
+            // Stable partition of the rest: lower first, then upper.
+            std::size_t nl = 0, nu = 0;
+            for (std::size_t i = it.begin + 1; i < it.end; ++i) {
+                const unsigned v = order[i];
+                const double xv = coords_->col(v)[it.axis];
+                if (xv >= split)
+                    tmp[nu++] = v;
+                else
+                    order[it.begin + 1 + nl++] = v;
+            }
+            for (std::size_t i = 0; i < nu; ++i) order[it.begin + 1 + nl + i] = tmp[i];
+            const unsigned na = (it.axis + 1 == N) ? 0 : it.axis + 1;
+            const std::size_t lb = it.begin + 1, ub = it.begin + 1 + nl;
+            if (nu) {
+                sl.hi = static_cast<unsigned>(it.slot + 1 + nl);
+                work.push_back(item{ub, it.end, sl.hi, na});
+            }
+            if (nl) {
+                sl.lo = it.slot + 1;
+                work.push_back(item{lb, ub, sl.lo, na});
+            }
+        }
+        linked_ = static_cast<unsigned>(kept);
+        // Slots freed by repeats stay allocated and on the free stack.
+        for (std::size_t s = kept; s < slot_count; ++s) {
+            slots_.push_back(kd_slot<N>());
+            slots_.back().node = NULL_INDEX;
+            slots_.back().lo = slots_.back().hi = NULL_INDEX;
+            free_.push_back(s);
+            set_mark(s, true);
+        }
+        return static_cast<unsigned>(kept);
+    }
+
+    const dense2D<double>* coords_;
+    vec<kd_slot<N>> slots_;
+    vec<std::uint64_t> free_;
+    vec<std::uint32_t> marks_;
+    unsigned linked_ = 0;
+};
+
+}  // namespace detail
+}  // namespace nodara
+}  // namespace zq5
+
+#endif  // NODARA_SRC_EDITING_KD_TREE_H
