@@ -228,6 +228,53 @@ int read_binary(FILE* f, facets& out) noexcept {
 // ---------------------------------------------------------------------------
 // Rebuilding shared nodes.
 
+// Coordinate bits of a node for hashing, with -0.0 read as 0.0 (they coincide).
+std::uint64_t coordinate_bits(double x) noexcept {
+    if (x == 0.0) x = 0.0;
+    std::uint64_t u;
+    std::memcpy(&u, &x, sizeof u);
+    return u;
+}
+
+// Merges the exactly coincident nodes of `block` (3 x n, entries below
+// pos.cols()) and renumbers it: every node is mapped onto the first node of the
+// block, in column order, with the same coordinates.  That is the result of
+// `merge` with tolerance 0 over the block's nodes (a node merges onto the
+// earliest coincident node of the list), found by hashing instead of a tree.
+// Nodes with a coordinate that is not finite coincide with nothing (their squared
+// distance is NaN).  Throws std::bad_alloc when storage fails.
+void merge_coincident(const dense2D<double>& pos, dense2D<unsigned>& block) {
+    const std::size_t entries = block.entries();
+    std::size_t size = 16;
+    while (size < 2 * entries) size *= 2;
+    zq5::detail::vec<unsigned> table(size, NULL_INDEX);  // node ids, open addressing
+    const std::size_t mask = size - 1;
+    for (std::size_t j = 0; j < block.cols(); ++j) {
+        unsigned* c = block.col(j);
+        for (std::size_t k = 0; k < block.rows(); ++k) {
+            const unsigned v = c[k];
+            const double* x = pos.col(v);
+            if (!std::isfinite(x[0]) || !std::isfinite(x[1]) || !std::isfinite(x[2])) continue;
+            std::uint64_t h = 0x9E3779B97F4A7C15ull;
+            for (int r = 0; r < 3; ++r) h = (h ^ coordinate_bits(x[r])) * 0xFF51AFD7ED558CCDull;
+            std::size_t slot = static_cast<std::size_t>(h ^ (h >> 29)) & mask;
+            for (;;) {
+                const unsigned u = table[slot];
+                if (u == NULL_INDEX) {
+                    table[slot] = v;
+                    break;
+                }
+                const double* y = pos.col(u);
+                if (y[0] == x[0] && y[1] == x[1] && y[2] == x[2]) {
+                    c[k] = u;
+                    break;
+                }
+                slot = (slot + 1) & mask;
+            }
+        }
+    }
+}
+
 // Builds the facet connectivity, merges the vertices and cleans the mesh.
 // 0 or a negative status.
 int share_nodes(facets& in, dense2D<unsigned>& connectM) noexcept {
@@ -241,11 +288,14 @@ int share_nodes(facets& in, dense2D<unsigned>& connectM) noexcept {
     if (!(h2 > 0.0) || !std::isfinite(h2)) return 0;
 
     // Exactly coincident vertices, block by block (a cheap first reduction).
-    for (std::size_t first = 0; first < n; first += kMergeBlock) {
-        const std::size_t cols = n - first < kMergeBlock ? n - first : kMergeBlock;
-        dense2D<unsigned> block = connectM.sub_matrix(0, first, 3, cols);
-        const int r = merge(in.pos, block, 0.0, 0u);
-        if (r < 0) return r;
+    try {
+        for (std::size_t first = 0; first < n; first += kMergeBlock) {
+            const std::size_t cols = n - first < kMergeBlock ? n - first : kMergeBlock;
+            dense2D<unsigned> block = connectM.sub_matrix(0, first, 3, cols);
+            merge_coincident(in.pos, block);
+        }
+    } catch (const std::bad_alloc&) {
+        return kNoMemory;
     }
     // Then every node within the tolerance, and the cleaning.
     int r = merge(in.pos, connectM, kRelativeTolerance * std::sqrt(h2), 0u);

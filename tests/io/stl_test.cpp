@@ -539,3 +539,81 @@ TEST(NumberText, ParsesAsScanfDoes) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// The node sharing against the public operations it stands for: the facets as
+// read, merge with tolerance 0 in blocks of 100000 facets, merge with 0.05 times
+// the smallest altitude, remove_degenerated, simplify.
+
+namespace {
+
+void reference_sharing(dense2D<double>& pos, dense2D<unsigned>& connect, double tol) {
+    const std::size_t n = connect.cols();
+    for (std::size_t first = 0; first < n; first += 100000) {
+        dense2D<unsigned> block = connect.sub_matrix(0, first, 3, std::min<std::size_t>(100000, n - first));
+        ASSERT_GE(merge(pos, block, 0.0, 0u), 0);
+    }
+    ASSERT_GE(merge(pos, connect, tol, 0u), 0);
+    ASSERT_GE(remove_degenerated(connect, false), 0);
+    ASSERT_GE(simplify(pos, connect, 0u), 0);
+}
+
+// The facets of a mesh as separate vertices, as a reader sees them.
+void facet_soup(const dense2D<double>& pos, const dense2D<unsigned>& tria, dense2D<double>& soup,
+                dense2D<unsigned>& connect) {
+    soup.resize(3, 3 * tria.cols());
+    connect.resize(3, tria.cols());
+    for (std::size_t j = 0; j < tria.cols(); ++j)
+        for (unsigned k = 0; k < 3; ++k) {
+            for (std::size_t r = 0; r < 3; ++r)  // binary STL holds floats
+                soup(r, 3 * j + k) = static_cast<double>(static_cast<float>(pos(r, tria(k, j))));
+            connect(k, j) = static_cast<unsigned>(3 * j + k);
+        }
+}
+
+TEST(StlInput, NodeSharingEqualsTheMergeOperations) {
+    scratch_dir dir;
+    // A closed cube skin with signed zeros, an infinite and a NaN corner on extra
+    // facets, and near-coincident nodes.  Optimised builds take a skin of 100,000+
+    // facets (two merge blocks); under the sanitizers the reference merges of that
+    // size take too long, and one block is used.
+#ifdef NDEBUG
+    const unsigned n = 92;
+#else
+    const unsigned n = 8;
+#endif
+    nodara_test::mesh cube = nodara_test::cube_surface(n);
+    ASSERT_EQ(cube.connect.cols() > 100000u, n > 91);
+    const std::size_t nodes = cube.pos.cols();
+    const double inf = std::numeric_limits<double>::infinity(), nan = std::nan("");
+    const double extra[][3] = {{-0.0, -0.0, -0.0}, {inf, 1, 1}, {1, nan, 1}, {1e-9, 0, 0}, {inf, 1, 1}, {2, 3, 4}};
+    cube.pos.resize(3, nodes + 6);
+    for (std::size_t i = 0; i < 6; ++i)
+        for (std::size_t r = 0; r < 3; ++r) cube.pos(r, nodes + i) = extra[i][r];
+    const std::size_t f = cube.connect.cols();
+    cube.connect.resize(3, f + 2);
+    for (unsigned k = 0; k < 3; ++k) {
+        cube.connect(k, f) = static_cast<unsigned>(nodes + k);
+        cube.connect(k, f + 1) = static_cast<unsigned>(nodes + 3 + k);
+    }
+    ASSERT_EQ(STL_output(dir.path("c.stl").c_str(), cube.pos, cube.connect, false), 0);
+    dense2D<double> pos;
+    dense2D<unsigned> connect;
+    ASSERT_EQ(STL_input(dir.path("c.stl").c_str(), pos, connect), 0);
+
+    dense2D<double> ref_pos;
+    dense2D<unsigned> ref_connect;
+    facet_soup(cube.pos, cube.connect, ref_pos, ref_connect);
+    // The skin's smallest squared altitude is 1/2 (unit right triangles).
+    reference_sharing(ref_pos, ref_connect, 0.05 * std::sqrt(0.5));
+    EXPECT_EQ(connect, ref_connect);
+    ASSERT_EQ(pos.cols(), ref_pos.cols());
+    EXPECT_EQ(pos.cols(), nodes + 4);  // -0 and 1e-9 merge with the origin; inf and NaN with nothing
+    for (std::size_t j = 0; j < pos.cols(); ++j)
+        for (std::size_t r = 0; r < 3; ++r)
+            if (!(std::isnan(pos(r, j)) && std::isnan(ref_pos(r, j)))) {
+                ASSERT_EQ(pos(r, j), ref_pos(r, j)) << j;
+            }
+}
+
+}  // namespace
