@@ -228,6 +228,16 @@ int read_binary(FILE* f, facets& out) noexcept {
 // ---------------------------------------------------------------------------
 // Rebuilding shared nodes.
 
+// A full 64-bit mix (every input bit reaches every output bit).
+std::uint64_t mix64(std::uint64_t x) noexcept {
+    x ^= x >> 30;
+    x *= 0xBF58476D1CE4E5B9ull;
+    x ^= x >> 27;
+    x *= 0x94D049BB133111EBull;
+    x ^= x >> 31;
+    return x;
+}
+
 // Coordinate bits of a node for hashing, with -0.0 read as 0.0 (they coincide).
 std::uint64_t coordinate_bits(double x) noexcept {
     if (x == 0.0) x = 0.0;
@@ -255,9 +265,9 @@ void merge_coincident(const dense2D<double>& pos, dense2D<unsigned>& block) {
             const unsigned v = c[k];
             const double* x = pos.col(v);
             if (!std::isfinite(x[0]) || !std::isfinite(x[1]) || !std::isfinite(x[2])) continue;
-            std::uint64_t h = 0x9E3779B97F4A7C15ull;
-            for (int r = 0; r < 3; ++r) h = (h ^ coordinate_bits(x[r])) * 0xFF51AFD7ED558CCDull;
-            std::size_t slot = static_cast<std::size_t>(h ^ (h >> 29)) & mask;
+            std::uint64_t h = 0;
+            for (int r = 0; r < 3; ++r) h = mix64(h + coordinate_bits(x[r]));
+            std::size_t slot = static_cast<std::size_t>(h) & mask;
             for (;;) {
                 const unsigned u = table[slot];
                 if (u == NULL_INDEX) {
@@ -308,7 +318,7 @@ proximity find_near_nodes(const dense2D<double>& pos, const dense2D<unsigned>& c
     const double reach = 0.125 * 1.01;  // tol as a fraction of the width, with room
     constexpr double kLimit = 4.6e18;   // cell numbers must fit in 64 bits
     struct cell {
-        std::int64_t k[3];
+        std::int64_t k[3] = {0, 0, 0};
         unsigned head;
     };
     const std::size_t m = list.size();
@@ -320,9 +330,9 @@ proximity find_near_nodes(const dense2D<double>& pos, const dense2D<unsigned>& c
     zq5::detail::vec<unsigned> next(m, NULL_INDEX);      // next node of the same cell, by list position
     cells.reserve(m);
     auto slot_of = [&](const std::int64_t k[3]) {
-        std::uint64_t h = 0x9E3779B97F4A7C15ull;
-        for (int r = 0; r < 3; ++r) h = (h ^ static_cast<std::uint64_t>(k[r])) * 0xFF51AFD7ED558CCDull;
-        std::size_t slot = static_cast<std::size_t>(h ^ (h >> 29)) & mask;
+        std::uint64_t h = 0;
+        for (int r = 0; r < 3; ++r) h = mix64(h + static_cast<std::uint64_t>(k[r]));
+        std::size_t slot = static_cast<std::size_t>(h) & mask;
         while (table[slot] != NULL_INDEX) {
             const cell& c = cells[table[slot]];
             if (c.k[0] == k[0] && c.k[1] == k[1] && c.k[2] == k[2]) break;
@@ -341,8 +351,8 @@ proximity find_near_nodes(const dense2D<double>& pos, const dense2D<unsigned>& c
         return true;
     };
     for (std::size_t i = 0; i < m; ++i) {
-        std::int64_t k[3];
-        double f[3];
+        std::int64_t k[3] = {0, 0, 0};
+        double f[3] = {0, 0, 0};
         if (!cell_of(pos.col(list[i]), k, f)) return proximity::near_pairs;
         const std::size_t slot = slot_of(k);
         if (table[slot] == NULL_INDEX) {
@@ -356,8 +366,8 @@ proximity find_near_nodes(const dense2D<double>& pos, const dense2D<unsigned>& c
     for (std::size_t i = 0; i < m; ++i) {
         const unsigned v = list[i];
         const double* x = pos.col(v);
-        std::int64_t k[3];
-        double f[3];
+        std::int64_t k[3] = {0, 0, 0};
+        double f[3] = {0, 0, 0};
         cell_of(x, k, f);
         int lo[3], hi[3];
         for (int r = 0; r < 3; ++r) {
