@@ -105,7 +105,11 @@ struct facets {
     double min_measure = std::numeric_limits<double>::infinity();
 
     // Makes room for `more` facets; false when the storage cannot grow.
-    bool grow(std::size_t more) noexcept { return pos.resize(3, 3 * (count + more)); }
+    // Node indices are 32-bit: at most (2^32 - 2) / 3 facets.
+    bool grow(std::size_t more) noexcept {
+        if (more > (NULL_INDEX - 1) / 3 - count) return false;
+        return pos.resize(3, 3 * (count + more));
+    }
     void add_measure() noexcept {
         const double* x = pos.col(3 * (count - 1));
         const double m = facet_measure(x, x + 3, x + 6);

@@ -55,8 +55,8 @@ namespace nodara {
 /// (`merge`, the earlier node of the list survives), then facets that use a node
 /// twice are removed and unused nodes dropped (`remove_degenerated`, `simplify`),
 /// keeping the facet order and the order of first use of the surviving nodes.
-/// When no facet has a positive altitude nothing is merged: node 3f + k is vertex
-/// k of facet f.
+/// When no facet has a positive altitude nothing is merged or removed: node 3f + k
+/// is vertex k of facet f.
 /// Status (the ASCII reading runs first; its format errors send the file to the
 /// binary reading, whose status is returned):
 ///     0     success;
@@ -66,7 +66,8 @@ namespace nodara {
 ///           count could not be bounded);
 ///    -3     malformed ASCII facet or unexpected end of file; binary: no facet
 ///           count, or fewer facets than the count says;
-///  -199     storage cannot grow (also from the merging and cleaning steps).
+///  -199     storage cannot grow (also from the merging and cleaning steps), or
+///           more facets than 32-bit node indices can number.
 /// On any error both outputs are empty.
 NODARA_API int STL_input(const char* filename, dense2D<double>& pos, dense2D<unsigned>& connectM) noexcept;
 
