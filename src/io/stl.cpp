@@ -142,14 +142,15 @@ bool read_normal(const char* line, double out[3]) noexcept {
 int read_ascii(FILE* f, facets& out) noexcept {
     detail::line_reader reader(f);
     char line[detail::line_reader::kLine];
-    if (!reader.next(line)) return -2;
-    detail::to_lower(line);
+    std::size_t length = reader.next(line);
+    if (length == 0) return -2;
+    detail::to_lower(line, length);
     if (!contains(line, "solid")) return -2;
 
     auto next = [&]() noexcept {
-        if (!reader.next(line)) return false;
-        detail::to_lower(line);
-        return true;
+        length = reader.next(line);
+        detail::to_lower(line, length);
+        return length != 0;
     };
     for (;;) {
         if (!next()) return -3;

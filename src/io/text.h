@@ -98,18 +98,24 @@ public:
     line_reader(const line_reader&) = delete;
     line_reader& operator=(const line_reader&) = delete;
 
-    /// Next line (through its '\n' when it has one), NUL-terminated, into `line`.
-    /// False at the end of the file (or on a read error) with nothing read.
-    bool next(char (&line)[kLine]) noexcept {
+    /// Next line (through its '\n' when it has one), NUL-terminated, into `line`;
+    /// returns its length.  0 at the end of the file (or on a read error).
+    std::size_t next(char (&line)[kLine]) noexcept {
         std::size_t n = 0;
         while (n + 1 < kLine) {
             if (pos_ == len_ && !fill()) break;
-            const char c = buf_[pos_++];
-            line[n++] = c;
-            if (c == '\n') break;
+            const std::size_t room = kLine - 1 - n;
+            const std::size_t avail = len_ - pos_ < room ? len_ - pos_ : room;
+            const char* start = buf_ + pos_;
+            const void* end = std::memchr(start, '\n', avail);
+            const std::size_t take = end ? static_cast<std::size_t>(static_cast<const char*>(end) - start) + 1 : avail;
+            std::memcpy(line + n, start, take);
+            n += take;
+            pos_ += take;
+            if (end) break;
         }
         line[n] = '\0';
-        return n != 0;
+        return n;
     }
 
 private:
@@ -127,10 +133,13 @@ private:
     char buf_[1 << 16];
 };
 
-/// ASCII lower case in place (never the locale's idea of it).
-inline void to_lower(char* s) noexcept {
-    for (; *s; ++s)
-        if (*s >= 'A' && *s <= 'Z') *s = static_cast<char>(*s + ('a' - 'A'));
+/// ASCII lower case of the first n characters, in place (never the locale's idea
+/// of it).
+inline void to_lower(char* s, std::size_t n) noexcept {
+    for (std::size_t i = 0; i < n; ++i) {
+        const unsigned char c = static_cast<unsigned char>(s[i]);
+        s[i] = static_cast<char>(c | (static_cast<unsigned char>(c - 'A') < 26u ? 0x20 : 0));
+    }
 }
 
 /// The white space of the C locale.
