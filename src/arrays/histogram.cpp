@@ -22,8 +22,8 @@ void histogram::reset() noexcept {
 
 void histogram::process(double value) {
     ++count_;
+    sum_ += value;  // a NaN makes the mean NaN
     if (!std::isnan(value)) {
-        sum_ += value;
         if (value < min_) min_ = value;
         if (value > max_) max_ = value;
     }
