@@ -445,6 +445,7 @@ public:
         const bool same_rows = rows == rows_;
         const std::size_t first_new = same_rows ? cols_ : 0;
         if (!resize(rows, cols)) return false;
+        if (rows == 0) return true;  // no storage to fill (there may be no buffer)
         for (std::size_t j = first_new; j < cols; ++j) {
             T* c = col(j);
             for (std::size_t i = 0; i < rows; ++i) c[i] = value;

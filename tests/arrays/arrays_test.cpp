@@ -91,6 +91,12 @@ TEST(ArrayBasics, ConstructorsFillAsDocumented) {
     EXPECT_TRUE(no_cols.empty());
     EXPECT_EQ(no_cols.rows(), 3u);
     EXPECT_EQ(no_cols.cols(), 0u);
+    const dense2D<double> no_rows(0, 4, 2.0);
+    EXPECT_TRUE(no_rows.empty());
+    EXPECT_EQ(no_rows.rows(), 0u);
+    EXPECT_EQ(no_rows.cols(), 4u);
+    EXPECT_EQ(matrix(0, 3).cols(), 3u);
+    EXPECT_EQ(matrix(0, 2, {}).cols(), 2u);
 }
 
 TEST(ArrayBasics, FillAndCompare) {
