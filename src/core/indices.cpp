@@ -13,13 +13,34 @@ namespace {
 
 using zq5::detail::vec;
 
-// Every entry of the rows x cols block at `m` (columns ld apart) is below nods.
-bool all_below(const dense2D<unsigned>& m, std::size_t row_begin, std::size_t row_end, unsigned nods) noexcept {
-    for (std::size_t j = 0; j < m.cols(); ++j) {
-        const unsigned* c = m.col(j);
-        for (std::size_t i = row_begin; i < row_end; ++i)
-            if (c[i] >= nods) return false;
+// True when an entry v of [p, p + n) has v - lo < width (unsigned arithmetic), that
+// is lo <= v < lo + width.  Scanned in blocks without early exit inside a block, so
+// that the compiler can vectorise; the answer is the same as a plain scan.
+bool any_in(const unsigned* p, std::size_t n, unsigned lo, unsigned width) noexcept {
+    constexpr std::size_t block = 512;
+    for (std::size_t i = 0; i < n; i += block) {
+        const std::size_t end = std::min(n, i + block);
+        unsigned hit = 0;
+        for (std::size_t k = i; k < end; ++k) hit |= static_cast<unsigned>(p[k] - lo < width);
+        if (hit) return true;
     }
+    return false;
+}
+
+// Entries at or above nods (NULL_INDEX included, or not).
+bool any_at_or_above(const unsigned* p, std::size_t n, unsigned nods, bool null_passes) noexcept {
+    const unsigned width = null_passes ? NULL_INDEX - nods : 0u - nods;  // 0 - nods: up to 2^32 - 1
+    if (nods == 0) return null_passes ? any_in(p, n, 0, NULL_INDEX) : n != 0;
+    return any_in(p, n, nods, width);
+}
+
+// Every entry of the matrix view is below nods (or NULL_INDEX when null_passes);
+// one run when ld = rows, else column by column.
+bool all_below(const dense2D<unsigned>& m, unsigned nods, bool null_passes) noexcept {
+    if (m.empty()) return true;
+    if (m.ld() == m.rows()) return !any_at_or_above(m.data(), m.entries(), nods, null_passes);
+    for (std::size_t j = 0; j < m.cols(); ++j)
+        if (any_at_or_above(m.col(j), m.rows(), nods, null_passes)) return false;
     return true;
 }
 
@@ -193,19 +214,12 @@ void rotate_largest_first(unsigned* c, std::size_t n) noexcept {
 
 bool check_IDs(const dense1D<unsigned>& ids, unsigned nods) noexcept {
     if (ids.empty() || nods == NULL_INDEX) return true;
-    for (unsigned v : ids)
-        if (v != NULL_INDEX && v >= nods) return false;
-    return true;
+    return !any_at_or_above(ids.data(), ids.size(), nods, true);
 }
 
 bool check_IDs(const dense2D<unsigned>& connectM, unsigned nods) noexcept {
     if (connectM.empty() || nods == NULL_INDEX) return true;
-    for (std::size_t j = 0; j < connectM.cols(); ++j) {
-        const unsigned* c = connectM.col(j);
-        for (std::size_t i = 0; i < connectM.rows(); ++i)
-            if (c[i] != NULL_INDEX && c[i] >= nods) return false;
-    }
-    return true;
+    return all_below(connectM, nods, true);
 }
 
 bool check_IDs(const dense2D<unsigned>& connectM, element_type FE, unsigned nods) noexcept {
@@ -223,7 +237,7 @@ bool check_IDs(const dense2D<unsigned>& connectM, element_type FE, unsigned nods
         else return false;
     }
     if (rows != nbr_nodes(FE)) return false;
-    return all_below(connectM, 0, rows, nods);
+    return all_below(connectM, nods, false);
 }
 
 unsigned max_ID(const dense1D<unsigned>& ids) noexcept {

@@ -55,6 +55,33 @@ TEST(CheckIDs, ListForm) {
     EXPECT_TRUE(check_IDs(all.sub_vector(0, 2), 2));
 }
 
+TEST(CheckIDs, LongInputsFindASingleBadEntryAnywhere) {
+    // Long runs are scanned in blocks: a bad entry must be found at every place.
+    const std::size_t n = 2000;
+    for (std::size_t at : {std::size_t(0), std::size_t(511), std::size_t(512), std::size_t(1500), n - 1}) {
+        list ids(n, 3u);
+        ids[n / 3] = N;
+        EXPECT_TRUE(check_IDs(ids, 4));
+        ids[at] = 4;
+        EXPECT_FALSE(check_IDs(ids, 4)) << at;
+        matrix m(10, n / 10, 3u);
+        EXPECT_TRUE(check_IDs(m, EL_TETRA10, 4));
+        m(at % 10, at / 10) = N;
+        EXPECT_TRUE(check_IDs(m, 4));
+        EXPECT_FALSE(check_IDs(m, EL_TETRA10, 4)) << at;
+        m(at % 10, at / 10) = 4;
+        EXPECT_FALSE(check_IDs(m, 4)) << at;
+    }
+    // nods = 0: only NULL_INDEX passes, and only where NULL_INDEX may stand.
+    EXPECT_TRUE(check_IDs(list{N, N}, 0));
+    EXPECT_FALSE(check_IDs(list{N, 0}, 0));
+    EXPECT_TRUE(check_IDs(matrix(1, 2, {N, N}), 0));
+    EXPECT_FALSE(check_IDs(matrix(1, 2, {N, 0}), 0));
+    EXPECT_FALSE(check_IDs(matrix(1, 1, {N}), EL_NODE, 0));
+    EXPECT_TRUE(check_IDs(matrix(1, 1, {N - 1}), EL_NODE, N));
+    EXPECT_FALSE(check_IDs(matrix(1, 1, {N}), EL_NODE, N));
+}
+
 TEST(CheckIDs, UntypedMatrixWalksColumns) {
     EXPECT_TRUE(check_IDs(matrix(), 0));
     EXPECT_TRUE(check_IDs(matrix(3, 0), 0));
