@@ -354,6 +354,19 @@ TEST(GetIDsMatrix, StatusesInOrder) {
     EXPECT_EQ(m.posB, (values{N, N}));
 }
 
+TEST(GetIDsMatrix, SizingTheOutputsIsCheckedFirst) {
+    NODARA_REQUIRE_FAULT_INJECTION();
+    const matrix A(3, 2, 1u), B(4, 1, 1u);
+    list posA, posB;
+    {
+        // Rows differ, but the outputs cannot even be sized: -199 wins.
+        nodara_test::scoped_allocation_failure fail(1);
+        EXPECT_EQ(get_IDs(A, B, posA, posB, false), -199);
+        EXPECT_TRUE(fail.fired());
+    }
+    EXPECT_EQ(get_IDs(A, B, posA, posB, false), -2);
+}
+
 TEST(GetIDsMatrix, StridedViewsMatchLikeCompactOnes) {
     const matrix A(3, 3, {1, 2, 3, 4, 5, 6, 7, 8, 9});
     const matrix B(3, 3, {9, 7, 8, 2, 3, 1, 6, 4, 5});
