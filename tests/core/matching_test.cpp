@@ -122,6 +122,21 @@ TEST(IndexHash, TableStartsWithEightBucketsAndKeepsLoadAtMostOne) {
     EXPECT_EQ(m.value(m.find(N)), 13u);
     EXPECT_FALSE(m.insert_unique(13));
     EXPECT_TRUE(m.insert_unique(14));
+
+    // The order survives rehashing, whichever way the entries came in.
+    detail::index_table r;
+    for (unsigned k = 0; k < 100; ++k) {
+        r.insert(7, k);
+        r.insert(1000 + k, k);
+        r.insert_unique(5000 + k);
+    }
+    EXPECT_EQ(r.bucket_count(), 512u);
+    unsigned expected = 0;
+    for (std::uint32_t e = r.find(7); e != N; e = r.next(e)) EXPECT_EQ(r.value(e), expected++);
+    EXPECT_EQ(expected, 100u);
+    EXPECT_EQ(r.value(r.find(1042)), 42u);
+    EXPECT_NE(r.find(5099), N);
+    EXPECT_FALSE(r.insert_unique(5099));
 }
 
 TEST(IndexHash, DenseAndSparseSetsAgree) {
