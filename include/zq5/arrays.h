@@ -253,6 +253,7 @@ public:
     }
     /// Appends n copies of value.
     bool push_back_n(T value, std::size_t n) noexcept {
+        if (n == 0) return true;
         if (n > SIZE_MAX - offset_ - size_ || !room_for(offset_ + size_ + n)) return false;
         T* p = buffer_ ? buffer_->data + offset_ + size_ : nullptr;
         for (std::size_t i = 0; i < n; ++i) p[i] = value;
@@ -275,6 +276,7 @@ public:
     /// Capacity for n elements without changing the size (m: growth factor).
     bool reserve(std::size_t n, std::size_t m = 1) noexcept {
         if (n > SIZE_MAX - offset_) return false;
+        if (n <= capacity()) return true;
         if (!buffer_) return room_for(n);
         return buffer_->__grow(offset_ + n, kept(), m);
     }

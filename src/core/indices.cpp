@@ -251,6 +251,7 @@ unsigned max_ID(const dense2D<unsigned>& connectM) noexcept {
         return max_of(connectM.data(), connectM.entries(), 0);
     }
     unsigned m = 0;
+    if (connectM.rows() == 0) return m;
     for (std::size_t j = 0; j < connectM.cols(); ++j) m = max_of(connectM.col(j), connectM.rows(), m);
     return m;
 }

@@ -587,6 +587,26 @@ TEST(ArrayAllocationFailure, FailedMatrixGrowthKeepsShapeAndContents) {
     EXPECT_TRUE(ok);
 }
 
+TEST(ArrayAllocationFailure, NothingToAddNeedsNoMemory) {
+    NODARA_REQUIRE_FAULT_INJECTION();
+    list a;
+    list b{1, 2};
+    matrix m = numbered(2, 2);
+    scoped_allocation_failure fail(1);
+    EXPECT_TRUE(a.push_back_n(7, 0));
+    EXPECT_TRUE(a.reserve(0));
+    EXPECT_TRUE(a.resize(0));
+    EXPECT_TRUE(b.reserve(2));
+    EXPECT_TRUE(b.resize(1));
+    EXPECT_TRUE(b.push_back(3));  // room behind the view
+    EXPECT_TRUE(m.reserve(2, 2));
+    EXPECT_TRUE(m.resize(2, 1));
+    EXPECT_TRUE(m.resize(1, 2));  // fewer elements than the storage holds
+    EXPECT_FALSE(fail.fired());
+    EXPECT_FALSE(a.buffer());
+    EXPECT_EQ(values_of(b), (std::vector<unsigned>{1, 3}));
+}
+
 TEST(ArrayAllocationFailure, ConstructorsGiveEmptyArrays) {
     NODARA_REQUIRE_FAULT_INJECTION();
     {
