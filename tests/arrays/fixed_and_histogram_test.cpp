@@ -137,6 +137,33 @@ TEST(Histogram, BinCountIsClampedAndNaNIsKeptApart) {
     EXPECT_EQ(wide.bin(63), 1u);
 }
 
+TEST(Histogram, WidestRangesAndOddBounds) {
+    // The width of the range overflows a double; values still land in their bin.
+    histogram h(-1e308, 1e308, 4);
+    h.process(0.99e308);
+    h.process(-0.99e308);
+    h.process(0.0);
+    h.process(std::numeric_limits<double>::max());
+    h.process(-std::numeric_limits<double>::infinity());
+    EXPECT_EQ(h.bin(0), 1u);
+    EXPECT_EQ(h.bin(2), 1u);
+    EXPECT_EQ(h.bin(3), 1u);
+    EXPECT_EQ(h.above(), 1u);
+    EXPECT_EQ(h.below(), 1u);
+
+    // Empty or reversed ranges put everything below or above; a NaN bound never
+    // makes a bin index out of a NaN.
+    histogram flat(1.0, 1.0, 3);
+    flat.process(1.0);
+    flat.process(0.0);
+    EXPECT_EQ(flat.above(), 1u);
+    EXPECT_EQ(flat.below(), 1u);
+    histogram nan_upper(0.0, std::nan(""), 3);
+    nan_upper.process(0.5);
+    EXPECT_EQ(nan_upper.count(), 1u);
+    EXPECT_EQ(nan_upper.bin(0) + nan_upper.bin(1) + nan_upper.bin(2) + nan_upper.above(), 1u);
+}
+
 TEST(Histogram, CallersCanDeriveTheirOwnAccumulator) {
     struct collector : histogram {
         std::vector<double> seen;

@@ -491,6 +491,12 @@ TEST(UniqueIndices, ListAppendsDistinctIndicesInOrder) {
         // 42 was already in out: out is not looked at.
         EXPECT_EQ(values_of(out), maybe_far({42, 3, 1, 42, 7}));
     }
+    // The list form reserves room for every entry first: no growth on the way.
+    list roomy{1};
+    EXPECT_EQ(unique_indices(roomy, list{2, 3, 4, 5, 6, 7, 8, 9, 10}, list()), 0);
+    EXPECT_GE(roomy.capacity(), 10u);
+    EXPECT_EQ(roomy.size(), 10u);
+
     list out;
     EXPECT_EQ(unique_indices(out, list(), list{1}), 0);
     EXPECT_TRUE(out.empty());
