@@ -358,9 +358,10 @@ int get_IDs(const dense1D<unsigned>& A, const dense1D<unsigned>& B, dense1D<unsi
     if (A.empty() || B.empty()) return 0;
     try {
         const unsigned largest = std::max(max_ID(A), max_ID(B));
-        const std::size_t words = static_cast<std::size_t>(largest) / 64 + 1;
-        if (words * 2 <= A.size() + B.size() + 1024) {
-            // Dense indices: a direct table from value to its first position in A.
+        const std::size_t slots = static_cast<std::size_t>(largest) + 1;
+        if (slots <= 4 * (A.size() + B.size()) + 4096) {
+            // Dense indices: a direct table from value to its first position in A
+            // (at most 16 bytes per entry of A and B).
             vec<unsigned> where(static_cast<std::size_t>(largest) + 1, NULL_INDEX);
             for (std::size_t p = A.size(); p-- > 0;)
                 if (A[p] != NULL_INDEX) where[A[p]] = static_cast<unsigned>(p);
