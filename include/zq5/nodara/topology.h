@@ -255,7 +255,7 @@ NODARA_API int get_subdomains(dense2D<unsigned>& connectM, dense2D<unsigned>& ne
 /// Status:
 ///    0    success (also when connectM has no columns)
 ///   -1    r differs from nbr_nodes(type)
-///   -2    neighbors has not nbr_boundaries(type) rows, or an entry neither
+///   -2    neighbors is not nbr_boundaries(type) x E, or holds an entry neither
 ///         NULL_INDEX nor below E
 ///   -3    colors.size() differs from E
 ///   -5    boundaries has entries and its rows differ from the boundary-row count
