@@ -62,13 +62,17 @@ inline dense2D<unsigned> oracle_neighbors(const dense2D<unsigned>& c, element_ty
     struct face {
         unsigned e, j;
         std::vector<unsigned> nodes;
+        unsigned long long sum;  // a necessary condition of a match, to skip most pairs
     };
     std::vector<face> faces;
     for (unsigned e = 0; e < c.cols(); ++e) {
         const detail::shape* s = detail::linear_shape(detail::column_kind(type, c.col(e)));
         for (unsigned j = 0; j < s->nbr_boundaries; ++j) {
-            face f{e, j, {}};
-            for (unsigned i = 0; i < s->boundaries[j].size; ++i) f.nodes.push_back(c(s->boundaries[j].nodes[i], e));
+            face f{e, j, {}, 0};
+            for (unsigned i = 0; i < s->boundaries[j].size; ++i) {
+                f.nodes.push_back(c(s->boundaries[j].nodes[i], e));
+                f.sum += f.nodes.back();
+            }
             faces.push_back(f);
         }
     }
@@ -78,7 +82,8 @@ inline dense2D<unsigned> oracle_neighbors(const dense2D<unsigned>& c, element_ty
         if (used[a]) continue;
         std::vector<std::size_t> m;
         for (std::size_t b = a + 1; b < faces.size(); ++b)
-            if (!used[b] && faces_match(faces[a].nodes, faces[b].nodes)) m.push_back(b);
+            if (!used[b] && faces[a].sum == faces[b].sum && faces_match(faces[a].nodes, faces[b].nodes))
+                m.push_back(b);
         for (std::size_t b : m) used[b] = true;
         if (m.size() == 1 || (keep && m.size() > 1)) {
             for (std::size_t b : m) {
