@@ -38,6 +38,7 @@ int subdomains_impl(const dense2D<unsigned>& neighbors, unsigned* order, dense1D
             if (marked(e)) continue;
             visited[e >> 5] |= 1u << (e & 31);
             order[count++] = e;
+            if (F == 0) continue;
             const unsigned* nb = neighbors.col(e);
             for (std::size_t j = 0; j < F; ++j)
                 if (nb[j] < E && !marked(nb[j])) queue[tail++] = nb[j];
