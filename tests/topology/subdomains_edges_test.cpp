@@ -277,6 +277,23 @@ TEST(CopyEdges, EulersFormulaOnStructuredMeshes) {
     EXPECT_EQ(static_cast<long>(s.pos.cols()) - static_cast<long>(e.cols()) + static_cast<long>(s.connect.cols()), 2);
 }
 
+TEST(CopyEdges, SparseLargeNodeIndicesGiveTheSameList) {
+    // Far-apart indices take another path through the library; the list must not
+    // depend on it.
+    const nodara_test::mesh m = nodara_test::mixed_solid_mesh(2, 2, 1);
+    dense2D<unsigned> shifted;
+    shifted.copy(m.connect);
+    shift_indices(shifted, 2000000000, EL_SOLID_ANY);
+    dense2D<unsigned> near, far;
+    ASSERT_EQ(copy_edges(m.connect, EL_SOLID_ANY, near), 0);
+    ASSERT_EQ(copy_edges(shifted, EL_SOLID_ANY, far), 0);
+    ASSERT_EQ(near.cols(), far.cols());
+    for (std::size_t k = 0; k < near.cols(); ++k) {
+        EXPECT_EQ(far(0, k), near(0, k) + 2000000000u);
+        EXPECT_EQ(far(1, k), near(1, k) + 2000000000u);
+    }
+}
+
 TEST(CopyEdges, RangeListsSharedEdgesOnce) {
     const dense2D<unsigned> m[2] = {dense2D<unsigned>(3, 1, {0, 1, 2}), dense2D<unsigned>(4, 1, {2, 1, 3, 4})};
     const dense1D<int> types{EL_TRIA3, EL_QUAD4};
