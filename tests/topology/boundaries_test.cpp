@@ -287,3 +287,28 @@ TEST(GetElementsOnBoundariesStatus, ChecksInOrderAndWalkFailures) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(GetElementsOnBoundaries, AllocationFailureIsMinus199) {
+    NODARA_REQUIRE_FAULT_INJECTION();
+    const nodara_test::mesh m = nodara_test::wedge_mesh(2, 1, 1);
+    dense2D<unsigned> nb, skin;
+    dense1D<unsigned> anc, ids, bounds;
+    unsigned F = 0;
+    ASSERT_EQ(get_neighbors(m.connect, EL_WEDGE6, false, nb), 0);
+    ASSERT_EQ(get_mesh_boundaries(m.connect, nb, EL_WEDGE6, skin), 0);
+    ASSERT_EQ(get_mesh_bounding_elements(m.connect, nb, EL_WEDGE6, ids, F), 0);
+    ASSERT_EQ(get_ancestors(m.connect, anc), 0);
+    int result = 1;
+    const auto runs = nodara_test::for_each_allocation_failure(
+        [&] { bounds = dense1D<unsigned>(); },
+        [&] { return get_elements_on_boundaries(skin, m.connect, nb, anc, EL_WEDGE6, bounds, F); },
+        [&](int r) { EXPECT_EQ(r, -199); },
+        result);
+    EXPECT_GE(runs, 2u);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(bounds, ids);
+}
+
+}  // namespace
