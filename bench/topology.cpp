@@ -11,6 +11,7 @@
 #include <zq5/nodara.h>
 
 #include "common/meshes.cpp"  // the test mesh builders, compiled into this program
+#include "core/shapes.h"
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -87,15 +88,15 @@ struct keyed_face {
 };
 
 template <int K>
-void reference_neighbors(const dense2D<unsigned>& c, const unsigned char (*faces)[K], unsigned F,
-                         dense2D<unsigned>& nb) {
+void reference_neighbors(const dense2D<unsigned>& c, const detail::shape& shape, dense2D<unsigned>& nb) {
+    const unsigned F = shape.nbr_boundaries;
     const std::size_t E = c.cols();
     std::vector<keyed_face<K>> all;
     all.reserve(E * F);
     for (std::size_t e = 0; e < E; ++e)
         for (unsigned j = 0; j < F; ++j) {
             keyed_face<K> f;
-            for (int i = 0; i < K; ++i) f.n[i] = c(faces[j][i], e);
+            for (int i = 0; i < K; ++i) f.n[i] = c(shape.boundaries[j].nodes[i], e);
             std::sort(f.n, f.n + K);
             f.id = e * F + j;
             all.push_back(f);
@@ -113,14 +114,11 @@ void reference_neighbors(const dense2D<unsigned>& c, const unsigned char (*faces
     }
 }
 
-const unsigned char tet_faces[4][3] = {{1, 2, 3}, {2, 0, 3}, {1, 3, 0}, {2, 1, 0}};
-const unsigned char tri_sides[3][2] = {{1, 2}, {2, 0}, {0, 1}};
-
 void reference(const nodara_test::mesh& m, dense2D<unsigned>& nb) {
     if (m.type == EL_TETRA4)
-        reference_neighbors<3>(m.connect, tet_faces, 4, nb);
+        reference_neighbors<3>(m.connect, detail::tetra4_shape, nb);
     else
-        reference_neighbors<2>(m.connect, tri_sides, 3, nb);
+        reference_neighbors<2>(m.connect, detail::tria3_shape, nb);
 }
 
 void run_neighbors(benchmark::State& state, const nodara_test::mesh& m) {

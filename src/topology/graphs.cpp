@@ -40,11 +40,12 @@ bool make_grouping(element_type type, grouping& g) noexcept {
         case EL_TRIA3:
         case EL_TETRA4: g.whole_column = true; g.per_column = 1; return true;
         case EL_QUAD4:
-        case EL_FACE_ANY: g.whole_column = false; g.per_column = 4; return true;
-        case EL_PYRAMID5: g.whole_column = false; g.per_column = 8; return true;
-        case EL_WEDGE6: g.whole_column = false; g.per_column = 9; return true;
-        case EL_HEXA8:
-        case EL_SOLID_ANY: g.whole_column = false; g.per_column = 12; return true;
+        case EL_PYRAMID5:
+        case EL_WEDGE6:
+        case EL_HEXA8: g.whole_column = false; g.per_column = detail::linear_shape(type)->nbr_edges; return true;
+        // Mixed kinds: room for the widest member's edges.
+        case EL_FACE_ANY: g.whole_column = false; g.per_column = detail::quad4_shape.nbr_edges; return true;
+        case EL_SOLID_ANY: g.whole_column = false; g.per_column = detail::hexa8_shape.nbr_edges; return true;
         default: return false;
     }
 }

@@ -311,22 +311,6 @@ int neighbors_impl(const dense2D<unsigned>& connectM, element_type type, bool ke
     return 0;
 }
 
-// Rows a connectivity of a supported type must have, and F; false if unsupported.
-bool neighbor_shape(element_type type, unsigned& rows, unsigned& F, int& slots) noexcept {
-    switch (type) {
-        case EL_EDGE2: rows = 2; F = 2; slots = 1; return true;
-        case EL_FACE_ANY: rows = 4; F = 4; slots = 2; return true;
-        case EL_TRIA3: rows = 3; F = 3; slots = 2; return true;
-        case EL_QUAD4: rows = 4; F = 4; slots = 2; return true;
-        case EL_SOLID_ANY: rows = 8; F = 6; slots = 4; return true;
-        case EL_TETRA4: rows = 4; F = 4; slots = 3; return true;
-        case EL_PYRAMID5: rows = 5; F = 5; slots = 4; return true;
-        case EL_WEDGE6: rows = 6; F = 5; slots = 4; return true;
-        case EL_HEXA8: rows = 8; F = 6; slots = 4; return true;
-        default: return false;
-    }
-}
-
 }  // namespace
 
 int get_neighbors(const dense2D<unsigned>& connectM, element_type FE_type, bool keep_nonmanifold,
@@ -336,10 +320,12 @@ int get_neighbors(const dense2D<unsigned>& connectM, element_type FE_type, bool 
     const std::size_t r = connectM.rows();
     const element_type type = detail::substitute_by_rows(FE_type, r);
     if (!check_IDs(connectM, type, NULL_INDEX)) return -1;
-    unsigned rows = 0, F = 0;
-    int slots = 0;
-    if (!neighbor_shape(type, rows, F, slots)) return -2;
-    if (r != rows) return -1;
+    // The supported types are the linear kinds of the boundary functions; a face
+    // has as many slots as a boundary column of the type has rows.
+    if (!detail::is_processed_linear(type)) return -2;
+    if (r != nbr_nodes(type)) return -1;
+    const unsigned F = nbr_boundaries(type);
+    const unsigned slots = detail::boundary_rows(type);
     const std::size_t E = connectM.cols();
     if (E >= NULL_INDEX) return -199;  // element indices must fit below NULL_INDEX
     if (!neighbors.resize(F, E, NULL_INDEX)) {
