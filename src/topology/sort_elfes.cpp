@@ -52,8 +52,8 @@ int sort_elfes_impl(dense2D<unsigned>& connectM, dense2D<unsigned>* other, dense
     };
 
     // Node counts, and the ranking by (rows - k, column) through a counting sort.
-    detail::vec<unsigned> count(C);          // node count per input column
-    detail::vec<std::size_t> first(rows + 2, 0);
+    zq5::detail::vec<unsigned> count(C);          // node count per input column
+    zq5::detail::vec<std::size_t> first(rows + 2, 0);
     for (std::size_t e = 0; e < C; ++e) {
         const std::size_t k = rows ? node_count(connectM.col(e), rows) : 0;
         count[e] = static_cast<unsigned>(k);
@@ -61,12 +61,12 @@ int sort_elfes_impl(dense2D<unsigned>& connectM, dense2D<unsigned>* other, dense
     }
     for (std::size_t d = 1; d < first.size(); ++d) first[d] += first[d - 1];
     const std::size_t K = first[rows + 1];
-    detail::vec<std::size_t> sorted(K);  // sorted position -> input column
+    zq5::detail::vec<std::size_t> sorted(K);  // sorted position -> input column
     for (std::size_t e = 0; e < C; ++e)
         if (count[e]) sorted[first[rows - count[e]]++] = e;
 
     // Where each input column sits now, and which input column each position holds.
-    detail::vec<std::size_t> where(C), holds(C);
+    zq5::detail::vec<std::size_t> where(C), holds(C);
     for (std::size_t e = 0; e < C; ++e) where[e] = holds[e] = e;
 
     // Outputs: a group per distinct node count at most (rows + 1 values suffice).

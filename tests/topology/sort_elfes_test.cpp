@@ -15,7 +15,7 @@ namespace {
 
 constexpr unsigned X = zq5::NULL_INDEX;
 
-std::vector<unsigned> values(const dense1D<unsigned>& v) { return std::vector<unsigned>(v.begin(), v.end()); }
+std::vector<unsigned> values(const dense1D<unsigned>& v) { return v.empty() ? std::vector<unsigned>() : std::vector<unsigned>(v.begin(), v.end()); }
 
 std::vector<unsigned> column(const dense2D<unsigned>& m, std::size_t j) {
     return std::vector<unsigned>(m.col(j), m.col(j) + m.rows());

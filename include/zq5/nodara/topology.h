@@ -66,7 +66,8 @@ namespace nodara {
 ///   -1    check_IDs(connectM, type, NULL_INDEX) fails, or r differs from the above
 ///   -2    type not in the list above (EL_NONE, EL_NODE, EL_EDGE_ANY, EL_EDGE3 and
 ///         every quadratic kind)
-///   -199  the output or the face table cannot be allocated
+///   -199  the output or the face table cannot be allocated (also for 2^32 - 1
+///         columns or more: element indices must stay below NULL_INDEX)
 /// Two boundaries match when they hold the same nodes in the same cyclic order,
 /// either orientation (a triangular face never matches a quadrangular one).  Of the
 /// boundaries of one match class, in element order then local order: two are each
@@ -255,7 +256,7 @@ NODARA_API int get_subdomains(dense2D<unsigned>& connectM, dense2D<unsigned>& ne
 /// Status:
 ///    0    success (also when connectM has no columns)
 ///   -1    r differs from nbr_nodes(type)
-///   -2    neighbors has not nbr_boundaries(type) rows, or an entry neither
+///   -2    neighbors is not nbr_boundaries(type) x E, or holds an entry neither
 ///         NULL_INDEX nor below E
 ///   -3    colors.size() differs from E
 ///   -5    boundaries has entries and its rows differ from the boundary-row count
@@ -269,8 +270,8 @@ NODARA_API int get_colors_boundaries(const dense2D<unsigned>& connectM, const de
 /// The node count of a column is the number of its entries before its first
 /// NULL_INDEX.  Columns are moved in place into the order (decreasing node count,
 /// then original column order); columns without nodes are dropped.
-///   connectM       r x C, read and overwritten in place: K x ... columns remain
-///                  (K: columns with at least one node).
+///   connectM       r x C, read and overwritten in place; r x K remain (K: the
+///                  columns with at least one node).
 ///   other          read and overwritten: when it has entries, its columns follow
 ///                  those of connectM (it must have C columns), and then every entry
 ///                  v < C is replaced by new_positions[v] (a neighbour matrix stays
@@ -285,7 +286,8 @@ NODARA_API int get_colors_boundaries(const dense2D<unsigned>& connectM, const de
 ///    0    success
 ///   -1    other has entries and a column count other than C (nothing changed)
 ///   -199  work storage or an output cannot be allocated (connectM and other
-///         unchanged, the three outputs empty)
+///         unchanged, the three outputs empty; all storage is taken before the
+///         first column moves, so no append is ever skipped)
 NODARA_API int sort_elfes(dense2D<unsigned>& connectM, dense2D<unsigned>& other, dense1D<unsigned>& group_nodes,
                           dense1D<unsigned>& group_ends, dense1D<unsigned>& new_positions) noexcept;
 /// As above without a companion matrix.
