@@ -55,21 +55,25 @@ inline double dist2(const double* a, const double* b) {
 // Candidate providers.  best(i, ids, best, d2) answers for the i-th node of L1.
 
 // tol = 0, no NaN among the targets: groups of coincident targets.
+//
+// Groups never interact (a node only merges onto a node of its own group), so a
+// pass runs group by group: a group's records sorted by v and applied are exactly
+// its part of the globally sorted records.  A group in which nothing changed in a
+// pass makes no record in the next one, so later passes only revisit the groups
+// that changed (by a merge, or by the compression of their chains).
 template <unsigned N>
-class coincident_groups {
+class coincident_passes {
 public:
-    coincident_groups(const dense2D<double>& pos, const vec<unsigned>& L1, const vec<unsigned>& L2, bool same,
-                      const vec<unsigned>& rank, const vec<unsigned>& ins_of_rank)
-        : L2_(L2), ins_(ins_of_rank) {
+    coincident_passes(const dense2D<double>& pos, const vec<unsigned>& L1, const vec<unsigned>& L2, bool same,
+                      const vec<unsigned>& rank, const vec<unsigned>& ins_of_rank) {
         const std::size_t n2 = L2.size();
-        // Open-addressing table: coordinates -> group.
         std::size_t cap = 16;
         while (cap < 2 * n2) cap *= 2;
-        vec<unsigned> table(cap, NULL_INDEX);  // holds a representative rank
-        vec<unsigned> group_of_rank(n2, NULL_INDEX);
-        vec<unsigned> group_rep;               // representative rank per group
-        vec<unsigned> group_size;
+        vec<unsigned> table(cap, NULL_INDEX);  // representative node of a group
+        vec<unsigned> group_of_node_rank(n2, NULL_INDEX);
         const std::size_t mask = cap - 1;
+        vec<unsigned> slot_group(cap, NULL_INDEX);
+        std::size_t G = 0;
         auto key_of = [&pos](unsigned v, double* k) {
             const double* c = pos.col(v);
             bool finite = true;
@@ -80,118 +84,184 @@ public:
             return finite;
         };
         auto hash_of = [](const double* k) {
-            std::uint64_t h = 0x9E3779B97F4A7C15ull;
+            std::uint64_t h = 0;
             for (unsigned d = 0; d < N; ++d) {
                 std::uint64_t b;
                 std::memcpy(&b, &k[d], sizeof b);
-                h ^= b + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
-                h *= 0xFF51AFD7ED558CCDull;
-                h ^= h >> 33;
+                h = (h ^ b) * 0x9E3779B97F4A7C15ull;
+                h ^= h >> 29;
             }
-            return static_cast<std::size_t>(h);
+            return static_cast<std::size_t>(h ^ (h >> 32));
         };
-        auto find = [&](const double* k, bool insert, unsigned r) -> unsigned {
+        // Finds (or, with `add`, creates) the group of coordinates k.
+        auto find = [&](const double* k, bool add, unsigned v) -> unsigned {
             std::size_t s = hash_of(k) & mask;
             for (;;) {
                 const unsigned rep = table[s];
                 if (rep == NULL_INDEX) {
-                    if (!insert) return NULL_INDEX;
-                    table[s] = r;
-                    group_of_rank[r] = static_cast<unsigned>(group_rep.size());
-                    group_rep.push_back(r);
-                    group_size.push_back(0);
-                    return group_of_rank[r];
+                    if (!add) return NULL_INDEX;
+                    table[s] = v;
+                    slot_group[s] = static_cast<unsigned>(G++);
+                    return slot_group[s];
                 }
-                const double* c = pos.col(L2[rep]);
+                const double* c = pos.col(rep);
                 bool eq = true;
                 for (unsigned d = 0; d < N; ++d)
-                    if (!(c[d] == k[d])) {
-                        eq = false;
-                        break;
-                    }
-                if (eq) return group_of_rank[rep];
+                    if (!(c[d] == k[d])) eq = false;
+                if (eq) return slot_group[s];
                 s = (s + 1) & mask;
             }
         };
         double k[N];
+        vec<unsigned> msize;
         for (std::size_t r = 0; r < n2; ++r) {
             if (!key_of(L2[r], k)) continue;
-            const unsigned g = find(k, true, static_cast<unsigned>(r));
-            group_of_rank[r] = g;
-            ++group_size[g];
+            const unsigned g = find(k, true, L2[r]);
+            group_of_node_rank[r] = g;
+            if (g == msize.size()) msize.push_back(0);
+            ++msize[g];
         }
-        const std::size_t G = group_rep.size();
-        start_.assign(G + 1, 0);
-        for (std::size_t g = 0; g < G; ++g) start_[g + 1] = start_[g] + group_size[g];
-        members_.resize(start_[G]);
+        // Members by group, in rank order.
+        mstart_.assign(G + 1, 0);
+        for (std::size_t g = 0; g < G; ++g) mstart_[g + 1] = mstart_[g] + msize[g];
+        mnode_.resize(mstart_[G]);
+        mins_.resize(mstart_[G]);
         vec<unsigned> index_in_group(n2, NULL_INDEX);
-        for (std::size_t g = 0; g < G; ++g) group_size[g] = 0;
+        for (std::size_t g = 0; g < G; ++g) msize[g] = 0;
         for (std::size_t r = 0; r < n2; ++r) {
-            const unsigned g = group_of_rank[r];
+            const unsigned g = group_of_node_rank[r];
             if (g == NULL_INDEX) continue;
-            index_in_group[r] = group_size[g];
-            members_[start_[g] + group_size[g]++] = static_cast<unsigned>(r);
+            index_in_group[r] = msize[g];
+            const std::size_t at = mstart_[g] + msize[g]++;
+            mnode_[at] = L2[r];
+            mins_[at] = ins_of_rank[r];
         }
-        // Where each node of L1 reads its answer: the prefix of its group before it
-        // (all of the group when it is not a target).
-        slot_.assign(L1.size(), NULL_INDEX);
+        // Nodes of L1 by group, with the index of their prefix (the group size when
+        // the node is not a target).
+        vec<unsigned> l1_group(L1.size(), NULL_INDEX), l1_index(L1.size());
+        vec<unsigned> lsize(G, 0);
         for (std::size_t i = 0; i < L1.size(); ++i) {
             const unsigned v = L1[i];
             const unsigned r = same ? static_cast<unsigned>(i) : rank[v];
             unsigned g, idx;
             if (r != NULL_INDEX) {
-                g = group_of_rank[r];
+                g = group_of_node_rank[r];
                 if (g == NULL_INDEX) continue;
                 idx = index_in_group[r];
             } else {
                 if (!key_of(v, k)) continue;
                 g = find(k, false, 0);
                 if (g == NULL_INDEX) continue;
-                idx = group_size[g];
+                idx = static_cast<unsigned>(mstart_[g + 1] - mstart_[g]);
             }
-            slot_[i] = static_cast<unsigned>(start_[g] + g + idx);
+            l1_group[i] = g;
+            l1_index[i] = idx;
+            ++lsize[g];
         }
-        prefix_.resize(members_.size() + G);
+        lstart_.assign(G + 1, 0);
+        for (std::size_t g = 0; g < G; ++g) lstart_[g + 1] = lstart_[g] + lsize[g];
+        lnode_.resize(lstart_[G]);
+        lidx_.resize(lstart_[G]);
+        for (std::size_t g = 0; g < G; ++g) lsize[g] = 0;
+        for (std::size_t i = 0; i < L1.size(); ++i) {
+            const unsigned g = l1_group[i];
+            if (g == NULL_INDEX) continue;
+            const std::size_t at = lstart_[g] + lsize[g]++;
+            lnode_[at] = L1[i];
+            lidx_[at] = l1_index[i];
+        }
     }
 
-    void begin_pass(const unsigned* ids) {
-        const std::size_t G = start_.size() - 1;
-        for (std::size_t g = 0; g < G; ++g) {
-            const std::size_t b = start_[g], e = start_[g + 1];
-            unsigned best = NULL_INDEX, best_ins = 0;
-            unsigned* out = prefix_.data() + b + g;
-            for (std::size_t t = b; t < e; ++t) {
-                out[t - b] = best;
-                const unsigned r = members_[t];
-                const unsigned u = L2_[r];
-                if (ids[u] == u && (best == NULL_INDEX || ins_[r] > best_ins)) {
-                    best = u;
-                    best_ins = ins_[r];
+    long long run(unsigned* ids) {
+        const std::size_t G = mstart_.size() - 1;
+        vec<unsigned> dirty, next, pending;
+        vec<unsigned char> in_next(G, 0), in_pending(G, 0);
+        dirty.reserve(G);
+        for (std::size_t g = 0; g < G; ++g)
+            if (lstart_[g + 1] > lstart_[g] && mstart_[g + 1] - mstart_[g] + (lstart_[g + 1] - lstart_[g]) > 1)
+                dirty.push_back(static_cast<unsigned>(g));
+        vec<unsigned> prefix;
+        vec<std::pair<unsigned, unsigned>> recs;
+        long long result = 0;
+        std::size_t mapped = 0;
+        while (!dirty.empty()) {
+            std::size_t applied = 0;
+            next.clear();
+            for (unsigned g : dirty) {
+                // Winner for each prefix: the surviving member inserted last.
+                const std::size_t mb = mstart_[g], me = mstart_[g + 1];
+                prefix.resize(me - mb + 1);
+                unsigned best = NULL_INDEX, best_ins = 0;
+                for (std::size_t t = mb; t < me; ++t) {
+                    prefix[t - mb] = best;
+                    const unsigned u = mnode_[t];
+                    if (ids[u] == u && (best == NULL_INDEX || mins_[t] > best_ins)) {
+                        best = u;
+                        best_ins = mins_[t];
+                    }
+                }
+                prefix[me - mb] = best;
+                recs.clear();
+                for (std::size_t t = lstart_[g]; t < lstart_[g + 1]; ++t) {
+                    const unsigned v = lnode_[t];
+                    const unsigned u = prefix[lidx_[t]];
+                    if (u != NULL_INDEX && u != ids[v]) recs.push_back(std::make_pair(v, u));
+                }
+                if (recs.empty()) continue;
+                if (recs.size() > 1) std::sort(recs.begin(), recs.end());
+                bool changed = false;
+                for (const auto& r : recs)
+                    if (ids[r.second] == r.second) {
+                        if (ids[r.first] == r.first) ++mapped;
+                        ids[r.first] = r.second;
+                        ++applied;
+                        changed = true;
+                    }
+                if (changed) {
+                    next.push_back(g);
+                    in_next[g] = 1;
+                    if (!in_pending[g]) {
+                        in_pending[g] = 1;
+                        pending.push_back(g);
+                    }
                 }
             }
-            out[e - b] = best;
+            if (applied == 0) break;
+            if (applied == 1) {
+                result += 1;
+            } else {
+                // Compress the chains of every group changed since the last
+                // compression; each of them is looked at again next pass.
+                for (unsigned g : pending) {
+                    for (std::size_t t = lstart_[g]; t < lstart_[g + 1]; ++t) {
+                        const unsigned v = lnode_[t];
+                        unsigned f = v;
+                        while (ids[f] != f) f = ids[f];
+                        unsigned w = v;
+                        while (w != f && ids[w] != f) {
+                            const unsigned nx = ids[w];
+                            ids[w] = f;
+                            w = nx;
+                        }
+                    }
+                    in_pending[g] = 0;
+                    if (!in_next[g]) {
+                        in_next[g] = 1;
+                        next.push_back(g);
+                    }
+                }
+                pending.clear();
+                result += static_cast<long long>(mapped);
+            }
+            for (unsigned g : next) in_next[g] = 0;
+            dirty.swap(next);
         }
-    }
-
-    bool best(std::size_t i, unsigned v, const unsigned* ids, unsigned& best, double& d2) const {
-        (void)v;
-        const unsigned s = slot_[i];
-        if (s == NULL_INDEX) return false;
-        const unsigned u = prefix_[s];
-        if (u == NULL_INDEX) return false;
-        best = u;
-        d2 = 0.0;
-        (void)ids;
-        return true;
+        return result;
     }
 
 private:
-    const vec<unsigned>& L2_;
-    const vec<unsigned>& ins_;
-    vec<std::size_t> start_;
-    vec<unsigned> members_;
-    vec<unsigned> slot_;
-    vec<unsigned> prefix_;
+    vec<std::size_t> mstart_, lstart_;
+    vec<unsigned> mnode_, mins_, lnode_, lidx_;
 };
 
 // Any tolerance: the candidate lists gathered from one box walk per node.
@@ -281,11 +351,15 @@ long long run_passes(Provider& provider, const vec<unsigned>& L1, unsigned* ids)
             if (!provider.best(i, v, ids, best, d2)) continue;
             if (best != ids[v]) records.push_back(record{d2, v, best});
         }
-        std::sort(records.begin(), records.end(), [](const record& a, const record& b) {
+        const auto before = [](const record& a, const record& b) {
             if (a.d2 != b.d2) return a.d2 < b.d2;
             if (a.v != b.v) return a.v < b.v;
             return a.best < b.best;
-        });
+        };
+        // Records come in the order of L1, often already sorted (tol = 0 and L1
+        // ascending).
+        if (!std::is_sorted(records.begin(), records.end(), before))
+            std::sort(records.begin(), records.end(), before);
         std::size_t applied = 0;
         for (const record& r : records)
             if (ids[r.best] == r.best) {
@@ -325,8 +399,8 @@ long long engine_n(const dense2D<double>& pos, const vec<unsigned>& L1, const ve
         vec<unsigned> ins_of_rank(n2);
         for (std::size_t p = 0; p < n2; ++p) ins_of_rank[order[p]] = static_cast<unsigned>(p);
         order = vec<unsigned>();
-        coincident_groups<N> provider(pos, L1, L2, same, rank, ins_of_rank);
-        return run_passes(provider, L1, ids);
+        coincident_passes<N> passes(pos, L1, L2, same, rank, ins_of_rank);
+        return passes.run(ids);
     }
     for (std::size_t p = 0; p < n2; ++p) order[p] = L2[order[p]];
     walked_lists<N> provider(pos, L1, rank, order, tol);
