@@ -55,9 +55,9 @@ inline double dist2(const double* a, const double* b) {
 // Candidate providers.  best(i, ids, best, d2) answers for the i-th node of L1.
 
 // A uniform grid of cells over a list of points (finite coordinates), each cell
-// holding its points in list order.  Cells are at least 2 tol wide, wider (up to
-// 64 tol) when the points are sparse, so that most boxes of half-width tol lie in
-// a single cell.
+// holding its points in list order.  Cells are at least 2 tol wide, and as wide
+// as the mean spacing of the points when that is larger, so that most boxes of
+// half-width tol lie in a single cell and the cell table stays small.
 template <unsigned N>
 class cell_grid {
 public:
@@ -85,7 +85,7 @@ public:
             }
         if (dims > 0 && volume > 0.0 && std::isfinite(volume) && n > 0) {
             const double spacing = std::pow(volume / static_cast<double>(n), 1.0 / dims);
-            if (spacing > cs_) cs_ = std::min(spacing, 64.0 * tol);
+            if (spacing > cs_) cs_ = spacing;
         }
         const double limit = 4503599627370496.0;  // 2^52
         for (unsigned k = 0; k < N; ++k)
@@ -241,13 +241,13 @@ public:
     coincident_passes(const dense2D<double>& pos, const vec<unsigned>& L1, const vec<unsigned>& L2, bool same,
                       const vec<unsigned>& rank, const vec<unsigned>& ins_of_rank) {
         const std::size_t n2 = L2.size();
-        // Open addressing over (representative node, group), grown to stay at most
-        // half full.
+        // Open addressing over (coordinates, group), grown to stay at most half full.
         struct entry {
-            unsigned rep;
+            double key[N];
             unsigned group;
         };
-        vec<entry> table(1024, entry{NULL_INDEX, NULL_INDEX});
+        vec<entry> table(1024);
+        for (entry& e : table) e.group = NULL_INDEX;
         vec<unsigned> group_of_node_rank(n2, NULL_INDEX);
         std::size_t G = 0;
         auto key_of = [&pos](unsigned v, double* k) {
@@ -270,35 +270,34 @@ public:
             return static_cast<std::size_t>(h ^ (h >> 32));
         };
         auto grow = [&]() {
-            vec<entry> bigger(table.size() * 2, entry{NULL_INDEX, NULL_INDEX});
+            vec<entry> bigger(table.size() * 2);
+            for (entry& e : bigger) e.group = NULL_INDEX;
             const std::size_t m = bigger.size() - 1;
-            double kk[N];
             for (const entry& e : table) {
-                if (e.rep == NULL_INDEX) continue;
-                key_of(e.rep, kk);
-                std::size_t s = hash_of(kk) & m;
-                while (bigger[s].rep != NULL_INDEX) s = (s + 1) & m;
+                if (e.group == NULL_INDEX) continue;
+                std::size_t s = hash_of(e.key) & m;
+                while (bigger[s].group != NULL_INDEX) s = (s + 1) & m;
                 bigger[s] = e;
             }
             table.swap(bigger);
         };
         // Finds (or, with `add`, creates) the group of coordinates k.
-        auto find = [&](const double* k, bool add, unsigned v) -> unsigned {
+        auto find = [&](const double* k, bool add, unsigned) -> unsigned {
             const std::size_t mask = table.size() - 1;
             std::size_t s = hash_of(k) & mask;
             for (;;) {
-                const entry e = table[s];
-                if (e.rep == NULL_INDEX) {
+                entry& e = table[s];
+                if (e.group == NULL_INDEX) {
                     if (!add) return NULL_INDEX;
-                    table[s] = entry{v, static_cast<unsigned>(G)};
+                    for (unsigned d = 0; d < N; ++d) e.key[d] = k[d];
+                    e.group = static_cast<unsigned>(G);
                     ++G;
                     if (2 * G > table.size()) grow();
                     return static_cast<unsigned>(G - 1);
                 }
-                const double* c = pos.col(e.rep);
                 bool eq = true;
                 for (unsigned d = 0; d < N; ++d)
-                    if (!(c[d] == k[d])) eq = false;
+                    if (!(e.key[d] == k[d])) eq = false;
                 if (eq) return e.group;
                 s = (s + 1) & mask;
             }
