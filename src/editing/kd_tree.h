@@ -41,10 +41,13 @@ struct kd_slot {
 /// Positions 0 .. n-1 shuffled as the documented insertion does: for i = 1 .. n-1,
 /// j = r mod (i + 1) with r the next MT19937 (seed 1) output; entries i and j swap.
 inline void seeded_shuffle(unsigned* p, std::size_t n) {
-    std::mt19937 gen(1u);
+    std::mt19937 gen(1u);  // 32-bit Mersenne Twister, seed 1
     for (std::size_t i = 1; i < n; ++i) {
-        const std::uint64_t r = gen();
-        const std::size_t j = static_cast<std::size_t>(r % (static_cast<std::uint64_t>(i) + 1));
+        const std::uint32_t r = static_cast<std::uint32_t>(gen());
+        // r mod (i + 1); 32-bit division whenever i + 1 fits, which is always the
+        // case for node lists of 32-bit indices.
+        const std::size_t j = (i < 0xFFFFFFFFu) ? static_cast<std::size_t>(r % static_cast<std::uint32_t>(i + 1))
+                                                : static_cast<std::size_t>(r % (static_cast<std::uint64_t>(i) + 1));
         if (j != i) {
             const unsigned t = p[i];
             p[i] = p[j];

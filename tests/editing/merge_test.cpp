@@ -249,9 +249,13 @@ struct cloud_case {
     double tol;
 };
 
+// Integer grids give many equal distances (ties between distinct nodes) for
+// tol >= 1 and only coincident neighbours for tol < 1; random reals give
+// coincident repeats and no other ties.
 const cloud_case kCases[] = {
-    {2, true, 0.0}, {3, true, 0.0}, {2, false, 0.0}, {3, false, 0.0},  {2, true, 1.0},
-    {3, true, 1.0}, {2, true, 1.5}, {3, true, 2.0}, {2, false, 0.05}, {3, false, 0.1},
+    {2, true, 0.0},  {3, true, 0.0},  {2, false, 0.0},  {3, false, 0.0}, {2, true, 0.5},  {3, true, 0.25},
+    {2, true, 1.0},  {3, true, 1.0},  {2, true, 1.5},   {3, true, 2.0},  {2, false, 0.05}, {3, false, 0.1},
+    {2, false, 1e-9}, {3, false, 0.3},
 };
 
 TEST(MergeReference, NodeListFormsMatchTheDocumentedPasses) {
