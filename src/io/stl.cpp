@@ -546,10 +546,16 @@ int STL_output(const char* filename, const dense2D<double>& pos, const dense2D<u
                bool ascii) noexcept {
     FILE* f = filename ? std::fopen(filename, ascii ? "wt" : "wb") : nullptr;
     if (!f) return -1;
-    // On the next two paths the stream is left open, as this writer documents.
-    if (pos.rows() != 2 && pos.rows() != 3) return -2;
+    // On the next two paths the file stays created and empty; the stream is closed.
+    if (pos.rows() != 2 && pos.rows() != 3) {
+        std::fclose(f);
+        return -2;
+    }
     const std::size_t nodes = pos.cols() < NULL_INDEX ? pos.cols() : NULL_INDEX - 1;
-    if (!check_IDs(connectM, EL_TRIA3, static_cast<unsigned>(nodes))) return -3;
+    if (!check_IDs(connectM, EL_TRIA3, static_cast<unsigned>(nodes))) {
+        std::fclose(f);
+        return -3;
+    }
 
     const std::size_t n = connectM.cols();
     bool ok = true;

@@ -154,33 +154,34 @@ int vtk_output(const char* filename, const dense2D<double>& pos, const dense2D<u
                const dense2D<unsigned>* connectM_end, const dense1D<int>& FE_types) noexcept {
     FILE* f = filename ? std::fopen(filename, "w") : nullptr;
     if (!f) return -1;
-    // On every error from here to the writing the stream is left open, as this
-    // writer documents.
-    if (pos.rows() != 2 && pos.rows() != 3) return -2;
-    if (connectM_end < connectM_begin) return -4;
-    const std::size_t count = static_cast<std::size_t>(connectM_end - connectM_begin);
-    if (count != FE_types.size()) return -5;
-    const unsigned nodes = node_bound(pos);
-    for (std::size_t i = 0; i < count; ++i)
-        if (!check_IDs(connectM_begin[i], detail::to_element_type(FE_types[i]), nodes)) return -3;
-
+    // On every error before the writing the file stays created and empty; the
+    // stream is closed on every path.
     unsigned nbr_cells = 0;
     dense1D<unsigned> cells, cell_types;
-    try {
-        detail::homogeneous_connectivities parts;
-        const int split = detail::split_mixed_connectivities(connectM_begin, connectM_end, FE_types, parts);
-        if (split != 0) {
-            std::fclose(f);
-            return split;
+    const int prepared = [&]() -> int {
+        if (pos.rows() != 2 && pos.rows() != 3) return -2;
+        if (connectM_end < connectM_begin) return -4;
+        const std::size_t count = static_cast<std::size_t>(connectM_end - connectM_begin);
+        if (count != FE_types.size()) return -5;
+        const unsigned nodes = node_bound(pos);
+        for (std::size_t i = 0; i < count; ++i)
+            if (!check_IDs(connectM_begin[i], detail::to_element_type(FE_types[i]), nodes)) return -3;
+        try {
+            detail::homogeneous_connectivities parts;
+            const int split = detail::split_mixed_connectivities(connectM_begin, connectM_end, FE_types, parts);
+            if (split != 0) return split;
+            for (std::size_t i = 0; i < parts.matrices.size(); ++i) {
+                const int r = vtk_convert(parts.matrices[i], parts.types[i], nbr_cells, cells, cell_types);
+                if (r != 0) return r;
+            }
+        } catch (const std::bad_alloc&) {
+            return -199;
         }
-        for (std::size_t i = 0; i < parts.matrices.size(); ++i) {
-            const int r = vtk_convert(parts.matrices[i], parts.types[i], nbr_cells, cells, cell_types);
-            if (r == -199) std::fclose(f);
-            if (r != 0) return r;
-        }
-    } catch (const std::bad_alloc&) {
+        return 0;
+    }();
+    if (prepared != 0) {
         std::fclose(f);
-        return -199;
+        return prepared;
     }
     const int status = vtk_output(f, pos, nbr_cells, cells, cell_types);
     const bool closed = std::fclose(f) == 0;

@@ -87,8 +87,7 @@ NODARA_API int STL_input(const char* filename, dense2D<double>& pos, dense2D<uns
 ///         or more than 2^32 - 1 facets for a binary file;
 ///   -2    pos has neither 2 nor 3 rows;
 ///   -3    check_IDs(connectM, EL_TRIA3, pos.cols()) fails.
-/// On -2 and -3 the file has been created empty and its stream is left open (the
-/// documented behaviour of this writer).
+/// On -2 and -3 the file is left created and empty (its stream is closed).
 NODARA_API int STL_output(const char* filename, const dense2D<double>& pos, const dense2D<unsigned>& connectM,
                           bool ascii) noexcept;
 
@@ -152,9 +151,8 @@ NODARA_API int vtk_output(FILE* stream, const dense2D<double>& pos, unsigned nbr
 ///    -3    check_IDs(matrix i, FE_types[i], pos.cols()) fails;
 ///  -199    storage cannot grow (in the two forms below, also before the file is
 ///          opened).
-/// On every error after the file is opened the file is left created empty; its
-/// stream is closed on -199 and left open on every other code (the documented
-/// behaviour of this writer).
+/// On every error after the file is opened the file is left created and empty;
+/// the stream is always closed.
 NODARA_API int vtk_output(const char* filename, const dense2D<double>& pos, const dense2D<unsigned>* connectM_begin,
                           const dense2D<unsigned>* connectM_end, const dense1D<int>& FE_types) noexcept;
 
