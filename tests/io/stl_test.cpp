@@ -372,7 +372,8 @@ TEST(StlLocale, BytesAndValuesDoNotDependOnTheLocale) {
 // Number reading is scanf "%lg" in the C locale, whose conversion is strtod's.
 TEST(NumberText, AgreesWithStrtod) {
     std::vector<std::string> texts = {"1.5", "  -2e3 x", "+.5",  "-0x1p4", "1e400", "-1e400", "1e-400", "inf",
-                                      "-infinity", "nan", "1,5", "--1", "+-1", "", "x1", "0x", "4.9e-324"};
+                                      "-infinity", "nan", "1,5", "--1", "+-1", "", "x1", "0x", "4.9e-324",
+                                      "0x-1", "0xinf", "-0x-1", "0x.8", "0x.g"};
     std::mt19937_64 rng(20240611);
     for (int i = 0; i < 3000; ++i) {
         const std::uint64_t bits = rng();
