@@ -39,7 +39,7 @@ TEST(Catalogue, EveryTypeAnswersItsRow) {
 }
 
 TEST(Catalogue, ValuesOutsideTheTableGiveZero) {
-    for (int v : {-1, 23, 1000}) {
+    for (int v : {23, 31}) {  // beyond the table, inside the range of the enumeration
         const element_type t = static_cast<element_type>(v);
         EXPECT_EQ(element_dim(t), 0u);
         EXPECT_EQ(nbr_nodes(t), 0u);
