@@ -1,14 +1,21 @@
-// Helpers of the topology tests: conversions to std::vector for readable
-// comparisons, and a brute-force oracle for element neighbours.
+// Helpers of the topology tests: short matrix builders, conversions to std::vector,
+// the derived topology of a mesh, an allocation-failure loop and a brute-force
+// oracle for element neighbours.
 #ifndef NODARA_TESTS_TOPOLOGY_HELPERS_H
 #define NODARA_TESTS_TOPOLOGY_HELPERS_H
 
 #include <zq5/nodara.h>
 
+#include "common/fault_injection.h"
 #include "core/shapes.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <initializer_list>
+#include <set>
+#include <utility>
 #include <vector>
 
 namespace topo_test {
@@ -18,21 +25,75 @@ using zq5::dense2D;
 using namespace zq5::nodara;
 
 constexpr unsigned X = zq5::NULL_INDEX;
+using uv = std::vector<unsigned>;
 
-inline std::vector<unsigned> values(const dense1D<unsigned>& v) {
-    return v.empty() ? std::vector<unsigned>() : std::vector<unsigned>(v.begin(), v.end());
+/// A matrix of `rows` rows from its values, column after column.
+inline dense2D<unsigned> M(std::size_t rows, std::initializer_list<unsigned> v) {
+    return dense2D<unsigned>(rows, v.size() / rows, v);
 }
 
-inline std::vector<unsigned> column(const dense2D<unsigned>& m, std::size_t j) {
-    return std::vector<unsigned>(m.col(j), m.col(j) + m.rows());
+/// One column holding first, first + 1, ..., first + rows - 1.
+inline dense2D<unsigned> seq(unsigned rows, unsigned first = 0) {
+    dense2D<unsigned> c(rows, 1);
+    for (unsigned i = 0; i < rows; ++i) c(i, 0) = first + i;
+    return c;
 }
+
+inline uv values(const dense1D<unsigned>& v) { return v.empty() ? uv() : uv(v.begin(), v.end()); }
+inline uv column(const dense2D<unsigned>& m, std::size_t j) { return uv(m.col(j), m.col(j) + m.rows()); }
 
 /// All columns, one after the other.
-inline std::vector<unsigned> flat(const dense2D<unsigned>& m) {
-    std::vector<unsigned> v;
+inline uv flat(const dense2D<unsigned>& m) {
+    uv v;
     for (std::size_t j = 0; j < m.cols(); ++j)
         for (std::size_t i = 0; i < m.rows(); ++i) v.push_back(m(i, j));
     return v;
+}
+
+/// Two copies of a mesh side by side, node indices of the second shifted.
+inline dense2D<unsigned> twice(const dense2D<unsigned>& c, unsigned shift) {
+    dense2D<unsigned> out(c.rows(), 2 * c.cols());
+    for (std::size_t e = 0; e < c.cols(); ++e)
+        for (std::size_t i = 0; i < c.rows(); ++i) {
+            out(i, e) = c(i, e);
+            out(i, c.cols() + e) = c(i, e) == X ? X : c(i, e) + shift;
+        }
+    return out;
+}
+
+/// The columns of a 2-row matrix as pairs.
+inline std::set<std::pair<unsigned, unsigned>> pairs(const dense2D<unsigned>& e) {
+    std::set<std::pair<unsigned, unsigned>> s;
+    for (std::size_t k = 0; k < e.cols(); ++k) s.insert({e(0, k), e(1, k)});
+    return s;
+}
+
+/// Neighbours, skin, skin face identifiers and ancestors of a mesh.
+struct derived {
+    dense2D<unsigned> nb, skin;
+    dense1D<unsigned> ids, anc;
+    unsigned F = 0;
+};
+
+inline derived derive(const dense2D<unsigned>& c, element_type t) {
+    derived d;
+    EXPECT_EQ(get_neighbors(c, t, false, d.nb), 0);
+    EXPECT_EQ(get_mesh_boundaries(c, d.nb, t, d.skin), 0);
+    EXPECT_EQ(get_mesh_bounding_elements(c, d.nb, t, d.ids, d.F), 0);
+    EXPECT_EQ(get_ancestors(c, d.anc), 0);
+    return d;
+}
+
+/// Fails the allocations of call() one at a time, after reset(): every failing run
+/// (at least min_runs of them) returns -199 and passes check(); the first run that
+/// allocates fully returns 0.
+template <class Reset, class Call, class Check>
+void expect_allocation_failures(Reset reset, Call call, Check check, unsigned long long min_runs = 1) {
+    int result = 1;
+    const auto runs = nodara_test::for_each_allocation_failure(
+        reset, call, [&](int r) { EXPECT_EQ(r, -199); check(); }, result);
+    EXPECT_GE(runs, min_runs);
+    EXPECT_EQ(result, 0);
 }
 
 /// The documented face match, pairwise, written from the rule rather than from a
