@@ -136,11 +136,17 @@ public:
         const kd_slot<N>* s = slots_.data();
         unsigned best = NULL_INDEX;
         double bestd2 = std::numeric_limits<double>::max();
-        // Greedy descent along P's path.
+        // Greedy descent along P's path.  Its first slots are remembered: the
+        // bounded search below meets them again and they cannot improve on a best
+        // that is already at least as near.
+        constexpr unsigned kPath = 64;
+        unsigned path[kPath];
+        unsigned plen = 0;
         unsigned k = 0;
         unsigned a = 0;
         while (k != NULL_INDEX) {
             const kd_slot<N>& sl = s[k];
+            if (plen < kPath) path[plen++] = k;
             const double d2 = dist2(P, sl.x);
             if (sl.node != exclude && d2 < bestd2) {
                 best = sl.node;
@@ -150,58 +156,106 @@ public:
             k = (P[a] >= sl.x[a]) ? sl.hi : sl.lo;
             a = (a + 1 == N) ? 0 : a + 1;
         }
-        // Bounded search from the root.
+        // Bounded search from the root, in the documented order.  Besides the
+        // documented tests, a subtree is skipped when a lower bound of the squared
+        // distance of every node in it is not below the best one, which cannot
+        // change the answer: a node replaces the best only when strictly nearer.
+        // The bound sums the squared gaps between P and the subtree's region along
+        // each axis; each gap is a rounded difference no larger than the node's own
+        // rounded coordinate difference, so the bound never exceeds a node's
+        // computed squared distance (rounding is monotone).  NaN gaps never skip.
         bool has_r = best != NULL_INDEX;
         double r = has_r ? std::sqrt(bestd2) : 0.0;
+        double blo[N], bhi[N];  // the documented test box [P - r, P + r]
+        for (unsigned c = 0; c < N; ++c) {
+            blo[c] = P[c] - r;
+            bhi[c] = P[c] + r;
+        }
         struct frame {
             unsigned slot;
             unsigned axis;
+            unsigned depth;
             double delta;
+            double gap[N];
         };
         search_stack<frame> stack;
         k = 0;
         a = 0;
+        unsigned depth = 0;
+        double gap[N];
+        for (unsigned c = 0; c < N; ++c) gap[c] = 0.0;
         for (;;) {
             bool go_on = false;
             if (!(r == 0.0 && best != NULL_INDEX)) {
                 const kd_slot<N>& sl = s[k];
-                const double delta = sl.x[a] - P[a];
-                bool test = true;
-                if (has_r) {
-                    for (unsigned c = 0; c < N; ++c)
-                        if (!(P[c] - r <= sl.x[c] && sl.x[c] <= P[c] + r)) {
-                            test = false;
-                            break;
+                const double xa = sl.x[a];
+                const double delta = xa - P[a];
+                if (!(depth < plen && path[depth] == k)) {
+                    bool test = true;
+                    if (has_r)
+                        for (unsigned c = 0; c < N; ++c)
+                            if (!(blo[c] <= sl.x[c] && sl.x[c] <= bhi[c])) {
+                                test = false;
+                                break;
+                            }
+                    if (test && sl.node != exclude) {
+                        const double d2 = dist2(P, sl.x);
+                        if (d2 < bestd2) {
+                            best = sl.node;
+                            bestd2 = d2;
+                            r = std::sqrt(d2);
+                            has_r = true;
+                            for (unsigned c = 0; c < N; ++c) {
+                                blo[c] = P[c] - r;
+                                bhi[c] = P[c] + r;
+                            }
                         }
-                }
-                if (test && sl.node != exclude) {
-                    const double d2 = dist2(P, sl.x);
-                    if (d2 < bestd2) {
-                        best = sl.node;
-                        bestd2 = d2;
-                        r = std::sqrt(d2);
-                        has_r = true;
                     }
                 }
                 const unsigned na = (a + 1 == N) ? 0 : a + 1;
+                // Regions of the two children: the upper one has x[a] >= xa, the
+                // lower one x[a] < xa.
+                const double old = gap[a];
+                const double lo_gap = (P[a] >= xa) ? std::max(old, P[a] - xa) : old;
+                bool up = false;
                 if (sl.hi != NULL_INDEX && (!has_r || delta <= r)) {
-                    if (sl.lo != NULL_INDEX) stack.push(frame{sl.lo, na, delta});
+                    gap[a] = (P[a] < xa) ? std::max(old, xa - P[a]) : old;
+                    up = !(dist2(gap) >= bestd2);
+                }
+                if (up) {
+                    if (sl.lo != NULL_INDEX) {
+                        frame f;
+                        f.slot = sl.lo;
+                        f.axis = na;
+                        f.depth = depth + 1;
+                        f.delta = delta;
+                        for (unsigned c = 0; c < N; ++c) f.gap[c] = gap[c];
+                        f.gap[a] = lo_gap;
+                        stack.push(f);
+                    }
                     k = sl.hi;
                     a = na;
+                    ++depth;
                     go_on = true;
                 } else if (sl.lo != NULL_INDEX && (!has_r || -delta <= r)) {
-                    k = sl.lo;
-                    a = na;
-                    go_on = true;
+                    gap[a] = lo_gap;
+                    if (!(dist2(gap) >= bestd2)) {
+                        k = sl.lo;
+                        a = na;
+                        ++depth;
+                        go_on = true;
+                    }
                 }
             }
             while (!go_on) {
                 if (stack.empty()) return best;
                 const frame f = stack.pop();
                 if (r == 0.0 && best != NULL_INDEX) continue;
-                if (!has_r || -f.delta <= r) {
+                if ((!has_r || -f.delta <= r) && !(dist2(f.gap) >= bestd2)) {
                     k = f.slot;
                     a = f.axis;
+                    depth = f.depth;
+                    for (unsigned c = 0; c < N; ++c) gap[c] = f.gap[c];
                     go_on = true;
                 }
             }
@@ -267,6 +321,12 @@ public:
     }
 
 private:
+    static double dist2(const double* g) {
+        double d2 = 0.0;
+        for (unsigned k = 0; k < N; ++k) d2 += g[k] * g[k];
+        return d2;
+    }
+
     static double dist2(const double* P, const double* x) {
         double d2 = 0.0;
         for (unsigned k = 0; k < N; ++k) {
