@@ -130,8 +130,136 @@ public:
     void build_ordered(vec<unsigned>& order) { bulk_insert(order); }
 
     // ------------------------------------------------------------------ queries
-    /// Nearest node to P (N coordinates), never `exclude`.  NULL_INDEX if none.
+    /// Nearest node to P (N coordinates), never `exclude`: the answer of the
+    /// documented greedy descent and bounded search, found faster.
+    ///
+    /// The documented search ends with the first node, in its visiting order, at
+    /// the smallest squared distance d* among the nodes it tests; it tests every
+    /// node at d* met before the best reaches d* as long as its tests are not fooled
+    /// by rounding.  So: find d* and the nodes at d* with an ordinary nearest-first
+    /// search (pruned only by sound bounds); take the greedy best when it is at d*,
+    /// otherwise the first node at d* in the bounded search's order (slot, upper
+    /// subtree, lower subtree); then check, with the smallest radius the search can
+    /// have before meeting that node (sqrt d*; the tests only get looser with a
+    /// larger one), that every documented test on the way to it and on it passes.
+    /// When a check fails, or in unusual trees, the documented search itself runs.
     unsigned closest(const double* P, unsigned exclude) const {
+        if (slots_.empty() || linked_ == 0) return NULL_INDEX;
+        const kd_slot<N>* s = slots_.data();
+        unsigned gbest = NULL_INDEX;
+        double gd2 = std::numeric_limits<double>::max();
+        for (unsigned k = 0, a = 0; k != NULL_INDEX;) {
+            const kd_slot<N>& sl = s[k];
+            const double d2 = dist2(P, sl.x);
+            if (sl.node != exclude && d2 < gd2) {
+                gbest = sl.node;
+                gd2 = d2;
+                if (d2 == 0.0) return gbest;  // the bounded search stops at once
+            }
+            k = (P[a] >= sl.x[a]) ? sl.hi : sl.lo;
+            a = (a + 1 == N) ? 0 : a + 1;
+        }
+        // Nearest-first search for d* and the slots at d*.
+        constexpr unsigned kTies = 16;
+        unsigned ties[kTies];
+        unsigned nties = 0;
+        bool overflow = false;
+        double dstar = gd2;
+        {
+            struct frame {
+                unsigned slot;
+                unsigned axis;
+                double gap[N];
+            };
+            search_stack<frame> stack;
+            frame f;
+            f.slot = 0;
+            f.axis = 0;
+            for (unsigned c = 0; c < N; ++c) f.gap[c] = 0.0;
+            stack.push(f);
+            while (!stack.empty()) {
+                f = stack.pop();
+                if (dist2(f.gap) > dstar) continue;
+                const kd_slot<N>& sl = s[f.slot];
+                if (sl.node != exclude) {
+                    const double d2 = dist2(P, sl.x);
+                    if (d2 < dstar) {
+                        dstar = d2;
+                        nties = 0;
+                        overflow = false;
+                    }
+                    if (d2 == dstar && d2 < std::numeric_limits<double>::max()) {
+                        if (nties < kTies)
+                            ties[nties++] = f.slot;
+                        else
+                            overflow = true;
+                    }
+                }
+                const unsigned a = f.axis, na = (a + 1 == N) ? 0 : a + 1;
+                const double xa = sl.x[a], old = f.gap[a];
+                frame up, lo;
+                up.axis = lo.axis = na;
+                up.slot = sl.hi;
+                lo.slot = sl.lo;
+                for (unsigned c = 0; c < N; ++c) up.gap[c] = lo.gap[c] = f.gap[c];
+                up.gap[a] = (P[a] < xa) ? std::max(old, xa - P[a]) : old;
+                lo.gap[a] = (P[a] >= xa) ? std::max(old, P[a] - xa) : old;
+                const bool near_up = P[a] >= xa;
+                // Push the far side first so that the near side is searched first.
+                if (near_up) {
+                    if (sl.lo != NULL_INDEX && !(dist2(lo.gap) > dstar)) stack.push(lo);
+                    if (sl.hi != NULL_INDEX) stack.push(up);
+                } else {
+                    if (sl.hi != NULL_INDEX && !(dist2(up.gap) > dstar)) stack.push(up);
+                    if (sl.lo != NULL_INDEX) stack.push(lo);
+                }
+            }
+        }
+        if (nties == 0) return gbest;  // no node can become the best: none
+        if (gbest != NULL_INDEX && gd2 == dstar) return gbest;
+        if (overflow) return closest_documented(P, exclude);
+        // The first slot at d* in the bounded search's order, and its root path.
+        constexpr unsigned kDepth = 128;
+        unsigned best_path[kDepth], path[kDepth];
+        unsigned best_len = 0;
+        for (unsigned t = 0; t < nties; ++t) {
+            unsigned len = 0;
+            if (!root_path(ties[t], path, kDepth, len)) return closest_documented(P, exclude);
+            bool earlier = t == 0;
+            if (!earlier) {
+                // Compare with the best so far: at the first slot where the paths
+                // part, the upper side comes first; an ancestor comes first.
+                unsigned i = 0;
+                while (i < len && i < best_len && path[i] == best_path[i]) ++i;
+                if (i == len)
+                    earlier = true;  // an ancestor (cannot be equal: distinct slots)
+                else if (i == best_len)
+                    earlier = false;
+                else
+                    earlier = path[i] == s[path[i - 1]].hi;
+            }
+            if (earlier) {
+                for (unsigned i = 0; i < len; ++i) best_path[i] = path[i];
+                best_len = len;
+            }
+        }
+        // Every documented test on the way, with the smallest possible radius.
+        const double r0 = std::sqrt(dstar);
+        for (unsigned i = 0; i + 1 < best_len; ++i) {
+            const unsigned a = i % N;
+            const kd_slot<N>& sl = s[best_path[i]];
+            const double delta = sl.x[a] - P[a];
+            const bool ok = (best_path[i + 1] == sl.hi) ? (delta <= r0) : (-delta <= r0);
+            if (!ok) return closest_documented(P, exclude);
+        }
+        const kd_slot<N>& w = s[best_path[best_len - 1]];
+        for (unsigned c = 0; c < N; ++c)
+            if (!(P[c] - r0 <= w.x[c] && w.x[c] <= P[c] + r0)) return closest_documented(P, exclude);
+        return w.node;
+    }
+
+    /// The documented search, step by step (with sound skips only).
+    unsigned closest_documented(const double* P, unsigned exclude) const {
         if (slots_.empty() || linked_ == 0) return NULL_INDEX;
         const kd_slot<N>* s = slots_.data();
         unsigned best = NULL_INDEX;
@@ -321,6 +449,23 @@ public:
     }
 
 private:
+    // The slots from the root to `target` (found by descending with its
+    // coordinates, as its insertion did).  False when deeper than `cap` or lost.
+    bool root_path(unsigned target, unsigned* path, unsigned cap, unsigned& len) const {
+        const kd_slot<N>* s = slots_.data();
+        const double* x = s[target].x;
+        unsigned k = 0, a = 0;
+        len = 0;
+        while (k != NULL_INDEX) {
+            if (len == cap) return false;
+            path[len++] = k;
+            if (k == target) return true;
+            k = (x[a] >= s[k].x[a]) ? s[k].hi : s[k].lo;
+            a = (a + 1 == N) ? 0 : a + 1;
+        }
+        return false;
+    }
+
     static double dist2(const double* g) {
         double d2 = 0.0;
         for (unsigned k = 0; k < N; ++k) d2 += g[k] * g[k];
