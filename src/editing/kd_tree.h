@@ -18,6 +18,7 @@
 
 #include <zq5/arrays.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -89,6 +90,161 @@ private:
     vec<T> heap_;
 };
 
+/// A balanced k-d tree with buckets over the finite nodes of a search tree, used
+/// only to find the smallest squared distance to a point and the slots at that
+/// distance.  Its own layout never shows in any answer.
+template <unsigned N>
+class bucket_tree {
+public:
+    bool empty() const { return ids_.empty(); }
+    std::size_t size() const { return ids_.size(); }
+
+    /// Builds over the slots [0, count) of `slots` whose coordinates are finite.
+    void build(const kd_slot<N>* slots, std::size_t count) {
+        clear();
+        vec<unsigned> ids;
+        ids.reserve(count);
+        for (std::size_t k = 0; k < count; ++k) {
+            bool finite = slots[k].node != NULL_INDEX;
+            for (unsigned c = 0; c < N && finite; ++c) finite = std::isfinite(slots[k].x[c]);
+            if (finite) ids.push_back(static_cast<unsigned>(k));
+        }
+        const std::size_t n = ids.size();
+        if (n == 0) return;
+        nodes_.reserve(2 * (n / kLeaf) + 2);
+        struct item {
+            std::size_t begin, end;
+            unsigned node;
+        };
+        vec<item> work;
+        nodes_.push_back(node_t());
+        work.push_back(item{0, n, 0u});
+        while (!work.empty()) {
+            const item it = work.back();
+            work.pop_back();
+            if (it.end - it.begin <= kLeaf) {
+                nodes_[it.node].axis = kLeafMark;
+                nodes_[it.node].a = static_cast<unsigned>(it.begin);
+                nodes_[it.node].b = static_cast<unsigned>(it.end);
+                continue;
+            }
+            // Split the widest extent at the median.
+            double lo[N], hi[N];
+            for (unsigned c = 0; c < N; ++c) {
+                lo[c] = std::numeric_limits<double>::infinity();
+                hi[c] = -lo[c];
+            }
+            for (std::size_t i = it.begin; i < it.end; ++i)
+                for (unsigned c = 0; c < N; ++c) {
+                    const double x = slots[ids[i]].x[c];
+                    if (x < lo[c]) lo[c] = x;
+                    if (x > hi[c]) hi[c] = x;
+                }
+            unsigned axis = 0;
+            for (unsigned c = 1; c < N; ++c)
+                if (hi[c] - lo[c] > hi[axis] - lo[axis]) axis = c;
+            const std::size_t mid = it.begin + (it.end - it.begin) / 2;
+            std::nth_element(ids.begin() + static_cast<std::ptrdiff_t>(it.begin),
+                             ids.begin() + static_cast<std::ptrdiff_t>(mid),
+                             ids.begin() + static_cast<std::ptrdiff_t>(it.end),
+                             [slots, axis](unsigned p, unsigned q) { return slots[p].x[axis] < slots[q].x[axis]; });
+            node_t& nd = nodes_[it.node];
+            nd.axis = axis;
+            nd.split = slots[ids[mid]].x[axis];  // left: x <= split, right: x >= split
+            const unsigned left = static_cast<unsigned>(nodes_.size());
+            nodes_.push_back(node_t());
+            nodes_.push_back(node_t());
+            nodes_[it.node].a = left;
+            nodes_[it.node].b = left + 1;
+            work.push_back(item{mid, it.end, left + 1});
+            work.push_back(item{it.begin, mid, left});
+        }
+        ids_.swap(ids);
+        x_.resize(n * N);
+        for (std::size_t i = 0; i < n; ++i)
+            for (unsigned c = 0; c < N; ++c) x_[i * N + c] = slots[ids_[i]].x[c];
+    }
+
+    void clear() {
+        nodes_.clear();
+        ids_.clear();
+        x_.clear();
+    }
+
+    /// Lowers dstar to the smallest squared distance from P to a point whose slot
+    /// holds another node than `exclude`, and calls tie(slot) for every point at
+    /// the final dstar (after a call reset() when dstar decreases).  Distances are
+    /// computed as dist2 does; pruning uses bounds that never exceed a computed
+    /// distance, and keeps points at exactly dstar.
+    template <class Dist, class Reset, class Tie>
+    void nearest(const double* P, const kd_slot<N>* slots, unsigned exclude, double& dstar, Dist dist,
+                 Reset reset, Tie tie) const {
+        if (nodes_.empty()) return;
+        struct frame {
+            unsigned node;
+            double gap[N];
+        };
+        search_stack<frame> stack;
+        frame f;
+        f.node = 0;
+        for (unsigned c = 0; c < N; ++c) f.gap[c] = 0.0;
+        stack.push(f);
+        while (!stack.empty()) {
+            f = stack.pop();
+            if (sum_squares(f.gap) > dstar) continue;
+            const node_t& nd = nodes_[f.node];
+            if (nd.axis == kLeafMark) {
+                for (unsigned i = nd.a; i < nd.b; ++i) {
+                    const double d2 = dist(P, &x_[static_cast<std::size_t>(i) * N]);
+                    if (!(d2 <= dstar)) continue;
+                    const unsigned slot = ids_[i];
+                    if (slots[slot].node == exclude) continue;
+                    if (d2 < dstar) {
+                        dstar = d2;
+                        reset();
+                    }
+                    if (d2 < std::numeric_limits<double>::max()) tie(slot);
+                }
+                continue;
+            }
+            const unsigned a = nd.axis;
+            frame left = f, right = f;
+            left.node = nd.a;
+            right.node = nd.b;
+            const double old = f.gap[a];
+            // Left points have x[a] <= split, right points x[a] >= split.
+            left.gap[a] = (P[a] > nd.split) ? std::max(old, P[a] - nd.split) : old;
+            right.gap[a] = (P[a] < nd.split) ? std::max(old, nd.split - P[a]) : old;
+            if (P[a] < nd.split) {
+                stack.push(right);
+                stack.push(left);
+            } else {
+                stack.push(left);
+                stack.push(right);
+            }
+        }
+    }
+
+private:
+    static constexpr unsigned kLeaf = 8;
+    static constexpr unsigned kLeafMark = 0xFFFFFFFFu;
+    struct node_t {
+        double split = 0.0;
+        unsigned axis = kLeafMark;
+        unsigned a = 0;  // left child, or first point of a leaf
+        unsigned b = 0;  // right child, or end of a leaf
+    };
+    static double sum_squares(const double* g) {
+        double d2 = 0.0;
+        for (unsigned k = 0; k < N; ++k) d2 += g[k] * g[k];
+        return d2;
+    }
+
+    vec<node_t> nodes_;
+    vec<unsigned> ids_;  // slot of each point, leaves contiguous
+    vec<double> x_;      // coordinates of each point, in the same order
+};
+
 template <unsigned N>
 class kd_tree {
 public:
@@ -114,7 +270,19 @@ public:
         vec<unsigned> order(list, list + n);
         seeded_shuffle(order.data(), n);
         if (linked_ == 0 && free_.empty() && slots_.empty()) {
-            if (strict) return bulk_insert(order);
+            if (strict) {
+                strict_ = true;
+                try {
+                    const unsigned added = bulk_insert(order);
+                    strict_ = false;
+                    return added;
+                } catch (const std::bad_alloc&) {
+                    strict_ = false;
+                    aux_.clear();
+                    aux_valid_ = false;
+                    throw;
+                }
+            }
             try {
                 return bulk_insert(order);
             } catch (const std::bad_alloc&) {
@@ -129,110 +297,84 @@ public:
     /// already in insertion order (used by merge).
     void build_ordered(vec<unsigned>& order) { bulk_insert(order); }
 
+    /// Keep a bucket tree for faster nearest-node queries (the node detector).
+    void enable_fast_nearest() { want_aux_ = true; }
+
     // ------------------------------------------------------------------ queries
     /// Nearest node to P (N coordinates), never `exclude`: the answer of the
     /// documented greedy descent and bounded search, found faster.
     ///
     /// The documented search ends with the first node, in its visiting order, at
-    /// the smallest squared distance d* among the nodes it tests; it tests every
-    /// node at d* met before the best reaches d* as long as its tests are not fooled
-    /// by rounding.  So: find d* and the nodes at d* with an ordinary nearest-first
-    /// search (pruned only by sound bounds); take the greedy best when it is at d*,
-    /// otherwise the first node at d* in the bounded search's order (slot, upper
-    /// subtree, lower subtree); then check, with the smallest radius the search can
-    /// have before meeting that node (sqrt d*; the tests only get looser with a
-    /// larger one), that every documented test on the way to it and on it passes.
-    /// When a check fails, or in unusual trees, the documented search itself runs.
+    /// the smallest squared distance d* among the nodes it tests, and it tests
+    /// every node at d* that it meets before its best reaches d*, unless rounding
+    /// fools one of its tests.  So: find d* and the nodes at d* with the bucket
+    /// tree; when one of them lies on the greedy path the shallowest of them is the
+    /// answer (the greedy descent keeps it and nothing is strictly nearer);
+    /// otherwise the answer is the first of them in the bounded search's order
+    /// (slot, upper subtree, lower subtree), after checking, with the smallest
+    /// radius the search can have before meeting it (sqrt d*; every test only
+    /// gets looser with a larger radius), that each documented test on the way to
+    /// it and on it passes.  When a check fails, or the bucket tree is not there,
+    /// the documented search itself runs.
     unsigned closest(const double* P, unsigned exclude) const {
         if (slots_.empty() || linked_ == 0) return NULL_INDEX;
+        if (!aux_valid_) return closest_documented(P, exclude);
+        for (unsigned c = 0; c < N; ++c)
+            if (!std::isfinite(P[c])) return closest_documented(P, exclude);
         const kd_slot<N>* s = slots_.data();
-        unsigned gbest = NULL_INDEX;
-        double gd2 = std::numeric_limits<double>::max();
-        for (unsigned k = 0, a = 0; k != NULL_INDEX;) {
-            const kd_slot<N>& sl = s[k];
-            const double d2 = dist2(P, sl.x);
-            if (sl.node != exclude && d2 < gd2) {
-                gbest = sl.node;
-                gd2 = d2;
-                if (d2 == 0.0) return gbest;  // the bounded search stops at once
-            }
-            k = (P[a] >= sl.x[a]) ? sl.hi : sl.lo;
-            a = (a + 1 == N) ? 0 : a + 1;
-        }
-        // Nearest-first search for d* and the slots at d*.
         constexpr unsigned kTies = 16;
         unsigned ties[kTies];
         unsigned nties = 0;
         bool overflow = false;
-        double dstar = gd2;
-        {
-            struct frame {
-                unsigned slot;
-                unsigned axis;
-                double gap[N];
-            };
-            search_stack<frame> stack;
-            frame f;
-            f.slot = 0;
-            f.axis = 0;
-            for (unsigned c = 0; c < N; ++c) f.gap[c] = 0.0;
-            stack.push(f);
-            while (!stack.empty()) {
-                f = stack.pop();
-                if (dist2(f.gap) > dstar) continue;
-                const kd_slot<N>& sl = s[f.slot];
-                if (sl.node != exclude) {
-                    const double d2 = dist2(P, sl.x);
-                    if (d2 < dstar) {
-                        dstar = d2;
-                        nties = 0;
-                        overflow = false;
-                    }
-                    if (d2 == dstar && d2 < std::numeric_limits<double>::max()) {
-                        if (nties < kTies)
-                            ties[nties++] = f.slot;
-                        else
-                            overflow = true;
-                    }
-                }
-                const unsigned a = f.axis, na = (a + 1 == N) ? 0 : a + 1;
-                const double xa = sl.x[a], old = f.gap[a];
-                frame up, lo;
-                up.axis = lo.axis = na;
-                up.slot = sl.hi;
-                lo.slot = sl.lo;
-                for (unsigned c = 0; c < N; ++c) up.gap[c] = lo.gap[c] = f.gap[c];
-                up.gap[a] = (P[a] < xa) ? std::max(old, xa - P[a]) : old;
-                lo.gap[a] = (P[a] >= xa) ? std::max(old, P[a] - xa) : old;
-                const bool near_up = P[a] >= xa;
-                // Push the far side first so that the near side is searched first.
-                if (near_up) {
-                    if (sl.lo != NULL_INDEX && !(dist2(lo.gap) > dstar)) stack.push(lo);
-                    if (sl.hi != NULL_INDEX) stack.push(up);
-                } else {
-                    if (sl.hi != NULL_INDEX && !(dist2(up.gap) > dstar)) stack.push(up);
-                    if (sl.lo != NULL_INDEX) stack.push(lo);
-                }
+        double dstar = std::numeric_limits<double>::max();
+        auto reset = [&]() {
+            nties = 0;
+            overflow = false;
+        };
+        auto tie = [&](unsigned slot) {
+            if (nties < kTies)
+                ties[nties++] = slot;
+            else
+                overflow = true;
+        };
+        aux_.nearest(P, s, exclude, dstar, [](const double* p, const double* x) { return dist2(p, x); }, reset, tie);
+        for (unsigned slot : extra_) {
+            if (s[slot].node == exclude) continue;
+            const double d2 = dist2(P, s[slot].x);
+            if (!(d2 <= dstar)) continue;
+            if (d2 < dstar) {
+                dstar = d2;
+                reset();
             }
+            if (d2 < std::numeric_limits<double>::max()) tie(slot);
         }
-        if (nties == 0) return gbest;  // no node can become the best: none
-        if (gbest != NULL_INDEX && gd2 == dstar) return gbest;
         if (overflow) return closest_documented(P, exclude);
-        // The first slot at d* in the bounded search's order, and its root path.
+        if (nties == 0) return NULL_INDEX;  // no node can become the best
         constexpr unsigned kDepth = 128;
         unsigned best_path[kDepth], path[kDepth];
-        unsigned best_len = 0;
+        unsigned best_len = 0, greedy_len = 0, greedy_slot = NULL_INDEX;
         for (unsigned t = 0; t < nties; ++t) {
             unsigned len = 0;
             if (!root_path(ties[t], path, kDepth, len)) return closest_documented(P, exclude);
+            // On the greedy path when P takes the same side at every step.
+            bool on_greedy = true;
+            for (unsigned i = 0; i + 1 < len && on_greedy; ++i) {
+                const kd_slot<N>& sl = s[path[i]];
+                const unsigned a = i % N;
+                on_greedy = path[i + 1] == ((P[a] >= sl.x[a]) ? sl.hi : sl.lo);
+            }
+            if (on_greedy && (greedy_slot == NULL_INDEX || len < greedy_len)) {
+                greedy_slot = ties[t];
+                greedy_len = len;
+            }
+            // First in the bounded search's order: at the first slot where the
+            // paths part, the upper side comes first; an ancestor comes first.
             bool earlier = t == 0;
             if (!earlier) {
-                // Compare with the best so far: at the first slot where the paths
-                // part, the upper side comes first; an ancestor comes first.
                 unsigned i = 0;
                 while (i < len && i < best_len && path[i] == best_path[i]) ++i;
                 if (i == len)
-                    earlier = true;  // an ancestor (cannot be equal: distinct slots)
+                    earlier = true;
                 else if (i == best_len)
                     earlier = false;
                 else
@@ -243,6 +385,7 @@ public:
                 best_len = len;
             }
         }
+        if (greedy_slot != NULL_INDEX) return s[greedy_slot].node;
         // Every documented test on the way, with the smallest possible radius.
         const double r0 = std::sqrt(dstar);
         for (unsigned i = 0; i + 1 < best_len; ++i) {
@@ -440,6 +583,15 @@ public:
         marks_ = o.marks_;
         linked_ = o.linked_;
         coords_ = o.coords_;
+        want_aux_ = o.want_aux_;
+        aux_valid_ = false;
+        aux_.clear();
+        extra_.clear();
+        if (o.aux_valid_) {
+            aux_ = o.aux_;
+            extra_ = o.extra_;
+            aux_valid_ = true;
+        }
     }
 
     void coords_of(unsigned v, double* out) const {
@@ -532,6 +684,7 @@ private:
             if (linked_ == 0 && ns == 0) {
                 ++linked_;
                 ++added;
+                aux_valid_ = false;  // rebuilt below
                 continue;
             }
             // Descend from the root.
@@ -557,12 +710,36 @@ private:
             } else {
                 ++linked_;
                 ++added;
+                if (aux_valid_) {
+                    try {
+                        extra_.push_back(ns);
+                    } catch (const std::bad_alloc&) {
+                        aux_valid_ = false;
+                    }
+                }
             }
         }
+        if (want_aux_ && (!aux_valid_ || extra_.size() > 64 + aux_.size() / 8)) rebuild_aux();
         return added;
     }
 
+    // Rebuilds the bucket tree over every linked slot; without it (allocation
+    // failure) queries take the documented search.
+    void rebuild_aux() {
+        aux_valid_ = false;
+        extra_.clear();
+        if (!want_aux_) return;
+        try {
+            aux_.build(slots_.data(), slots_.size());
+            aux_valid_ = true;
+        } catch (const std::bad_alloc&) {
+            aux_.clear();
+            if (strict_) throw;  // a strict build reports every failure
+        }
+    }
+
     void free_slot(unsigned ns) {
+        slots_[ns].node = NULL_INDEX;  // not linked: no node of the tree
         if (!marked(ns)) {
             try {
                 free_.push_back(ns);
@@ -658,6 +835,7 @@ private:
             }
         }
         linked_ = static_cast<unsigned>(kept);
+        rebuild_aux();
         // Slots freed by repeats stay allocated and on the free stack.
         for (std::size_t s = kept; s < slot_count; ++s) {
             slots_.push_back(kd_slot<N>());
@@ -674,6 +852,13 @@ private:
     vec<std::uint64_t> free_;
     vec<std::uint32_t> marks_;
     unsigned linked_ = 0;
+    // The bucket tree over the nodes linked by the last bulk build, and the slots
+    // linked one by one since (searched linearly until the next rebuild).
+    bool want_aux_ = false;
+    bool aux_valid_ = false;
+    bool strict_ = false;
+    bucket_tree<N> aux_;
+    vec<unsigned> extra_;
 };
 
 }  // namespace detail

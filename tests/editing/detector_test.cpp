@@ -164,6 +164,47 @@ TEST(DetectorQueries, FindClosestMatchesBruteForceAndTieOrder) {
             }
 }
 
+TEST(DetectorQueries, IncrementalInsertionsMatchTheDocumentedTree) {
+    // A bulk build followed by one-by-one insertions of small and large batches.
+    for (unsigned dim : {2u, 3u}) {
+        SCOPED_TRACE(dim);
+        const unsigned n = 400;
+        const dense2D<double> pos = random_cloud(dim, n, true, 21);
+        std::vector<unsigned> first, second, third;
+        for (unsigned i = 0; i < n; ++i) (i < 100 ? first : (i < 130 ? second : third)).push_back(i);
+        second.push_back(5);  // already present
+        node_detector d(pos, list_of(first));
+        EXPECT_EQ(d.insert(list_of(second)), 30u);
+        EXPECT_EQ(d.insert(list_of(third)), 270u);
+        nodara_ref::tree<2> ref2(pos);
+        nodara_ref::tree<3> ref3(pos);
+        for (const auto* l : {&first, &second, &third}) {
+            if (dim == 2)
+                ref2.insert(*l);
+            else
+                ref3.insert(*l);
+        }
+        EXPECT_EQ(d.size(), dim == 2 ? ref2.slots.size() : ref3.slots.size());
+        node_detector copy(d);
+        std::mt19937_64 gen(3);
+        std::uniform_real_distribution<double> u(-1.0, 7.0);
+        for (int q = 0; q < 300; ++q) {
+            double P[3] = {std::floor(u(gen) * 2) / 2, std::floor(u(gen) * 2) / 2, dim == 3 ? u(gen) : 0.0};
+            const unsigned want = dim == 2 ? ref2.closest(P) : ref3.closest(P);
+            const unsigned got = dim == 2 ? d.find_closest(vector_fixed<double, 2>{P[0], P[1]})
+                                          : d.find_closest(vector_fixed<double, 3>{P[0], P[1], P[2]});
+            EXPECT_EQ(got, want);
+            EXPECT_EQ(dim == 2 ? copy.find_closest(vector_fixed<double, 2>{P[0], P[1]})
+                               : copy.find_closest(vector_fixed<double, 3>{P[0], P[1], P[2]}),
+                      want);
+        }
+        for (unsigned v = 0; v < n; v += 7) {
+            const double P[3] = {pos(0, v), pos(1, v), dim == 3 ? pos(2, v) : 0.0};
+            EXPECT_EQ(d.find_closest(v), dim == 2 ? ref2.closest(P, v) : ref3.closest(P, v));
+        }
+    }
+}
+
 TEST(DetectorQueries, FindInBoxMatchesBruteForceInWalkOrder) {
     for (unsigned dim : {2u, 3u})
         for (bool grid : {true, false})
