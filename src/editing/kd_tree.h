@@ -318,7 +318,9 @@ public:
     /// the documented search itself runs.
     unsigned closest(const double* P, unsigned exclude) const {
         if (slots_.empty() || linked_ == 0) return NULL_INDEX;
-        if (!aux_valid_) return closest_documented(P, exclude);
+        // A NaN coordinate in the tree hides the lower side of its slot from the
+        // bounded search: only the documented search can tell what it reaches.
+        if (!aux_valid_ || has_nan_) return closest_documented(P, exclude);
         for (unsigned c = 0; c < N; ++c)
             if (!std::isfinite(P[c])) return closest_documented(P, exclude);
         const kd_slot<N>* s = slots_.data();
@@ -350,6 +352,10 @@ public:
         }
         if (overflow) return closest_documented(P, exclude);
         if (nties == 0) return NULL_INDEX;  // no node can become the best
+        const double r0 = std::sqrt(dstar);
+        // A single node at d* is the answer both when it lies on the greedy path
+        // and when the bounded search surely tests it (checked below).
+        if (nties == 1 && passes_tests(P, s[ties[0]].x, r0)) return s[ties[0]].node;
         constexpr unsigned kDepth = 128;
         unsigned best_path[kDepth], path[kDepth];
         unsigned best_len = 0, greedy_len = 0, greedy_slot = NULL_INDEX;
@@ -386,19 +392,24 @@ public:
             }
         }
         if (greedy_slot != NULL_INDEX) return s[greedy_slot].node;
-        // Every documented test on the way, with the smallest possible radius.
-        const double r0 = std::sqrt(dstar);
-        for (unsigned i = 0; i + 1 < best_len; ++i) {
-            const unsigned a = i % N;
-            const kd_slot<N>& sl = s[best_path[i]];
-            const double delta = sl.x[a] - P[a];
-            const bool ok = (best_path[i + 1] == sl.hi) ? (delta <= r0) : (-delta <= r0);
-            if (!ok) return closest_documented(P, exclude);
-        }
         const kd_slot<N>& w = s[best_path[best_len - 1]];
-        for (unsigned c = 0; c < N; ++c)
-            if (!(P[c] - r0 <= w.x[c] && w.x[c] <= P[c] + r0)) return closest_documented(P, exclude);
+        if (!passes_tests(P, w.x, r0)) return closest_documented(P, exclude);
         return w.node;
+    }
+
+    /// True when the bounded search, with any radius r >= r0, passes every test on
+    /// its way to a node at x and tests it.  Its own test is the box
+    /// [P - r, P + r].  At an ancestor on axis a the search goes on toward x when
+    /// the plane's rounded distance to P is at most r; that distance never exceeds
+    /// |fl(P[a] - x[a])| (x lies beyond the plane and rounding is monotone), so it
+    /// suffices that every |fl(P[c] - x[c])| is at most r0.  All tests only get
+    /// looser as r grows.
+    static bool passes_tests(const double* P, const double* x, double r0) {
+        for (unsigned c = 0; c < N; ++c) {
+            if (!(std::fabs(P[c] - x[c]) <= r0)) return false;
+            if (!(P[c] - r0 <= x[c] && x[c] <= P[c] + r0)) return false;
+        }
+        return true;
     }
 
     /// The documented search, step by step (with sound skips only).
@@ -584,6 +595,7 @@ public:
         linked_ = o.linked_;
         coords_ = o.coords_;
         want_aux_ = o.want_aux_;
+        has_nan_ = o.has_nan_;
         aux_valid_ = false;
         aux_.clear();
         extra_.clear();
@@ -710,6 +722,8 @@ private:
             } else {
                 ++linked_;
                 ++added;
+                for (unsigned c = 0; c < N; ++c)
+                    if (std::isnan(slots_[ns].x[c])) has_nan_ = true;
                 if (aux_valid_) {
                     try {
                         extra_.push_back(ns);
@@ -728,6 +742,11 @@ private:
     void rebuild_aux() {
         aux_valid_ = false;
         extra_.clear();
+        has_nan_ = false;
+        for (const kd_slot<N>& sl : slots_)
+            if (sl.node != NULL_INDEX)
+                for (unsigned c = 0; c < N; ++c)
+                    if (std::isnan(sl.x[c])) has_nan_ = true;
         if (!want_aux_) return;
         try {
             aux_.build(slots_.data(), slots_.size());
@@ -857,6 +876,7 @@ private:
     bool want_aux_ = false;
     bool aux_valid_ = false;
     bool strict_ = false;
+    bool has_nan_ = false;  // some linked slot has a NaN coordinate
     bucket_tree<N> aux_;
     vec<unsigned> extra_;
 };
