@@ -102,14 +102,22 @@ public:
     /// Builds over the slots [0, count) of `slots` whose coordinates are finite.
     void build(const kd_slot<N>* slots, std::size_t count) {
         clear();
-        vec<unsigned> ids;
-        ids.reserve(count);
+        struct point {
+            double x[N];
+            unsigned slot;
+        };
+        vec<point> pts;
+        pts.reserve(count);
         for (std::size_t k = 0; k < count; ++k) {
             bool finite = slots[k].node != NULL_INDEX;
             for (unsigned c = 0; c < N && finite; ++c) finite = std::isfinite(slots[k].x[c]);
-            if (finite) ids.push_back(static_cast<unsigned>(k));
+            if (!finite) continue;
+            point p;
+            for (unsigned c = 0; c < N; ++c) p.x[c] = slots[k].x[c];
+            p.slot = static_cast<unsigned>(k);
+            pts.push_back(p);
         }
-        const std::size_t n = ids.size();
+        const std::size_t n = pts.size();
         if (n == 0) return;
         nodes_.reserve(2 * (n / kLeaf) + 2);
         struct item {
@@ -130,27 +138,24 @@ public:
             }
             // Split the widest extent at the median.
             double lo[N], hi[N];
-            for (unsigned c = 0; c < N; ++c) {
-                lo[c] = std::numeric_limits<double>::infinity();
-                hi[c] = -lo[c];
-            }
-            for (std::size_t i = it.begin; i < it.end; ++i)
+            for (unsigned c = 0; c < N; ++c) lo[c] = hi[c] = pts[it.begin].x[c];
+            for (std::size_t i = it.begin + 1; i < it.end; ++i)
                 for (unsigned c = 0; c < N; ++c) {
-                    const double x = slots[ids[i]].x[c];
-                    if (x < lo[c]) lo[c] = x;
-                    if (x > hi[c]) hi[c] = x;
+                    const double x = pts[i].x[c];
+                    lo[c] = x < lo[c] ? x : lo[c];
+                    hi[c] = x > hi[c] ? x : hi[c];
                 }
             unsigned axis = 0;
             for (unsigned c = 1; c < N; ++c)
                 if (hi[c] - lo[c] > hi[axis] - lo[axis]) axis = c;
             const std::size_t mid = it.begin + (it.end - it.begin) / 2;
-            std::nth_element(ids.begin() + static_cast<std::ptrdiff_t>(it.begin),
-                             ids.begin() + static_cast<std::ptrdiff_t>(mid),
-                             ids.begin() + static_cast<std::ptrdiff_t>(it.end),
-                             [slots, axis](unsigned p, unsigned q) { return slots[p].x[axis] < slots[q].x[axis]; });
+            std::nth_element(pts.begin() + static_cast<std::ptrdiff_t>(it.begin),
+                             pts.begin() + static_cast<std::ptrdiff_t>(mid),
+                             pts.begin() + static_cast<std::ptrdiff_t>(it.end),
+                             [axis](const point& p, const point& q) { return p.x[axis] < q.x[axis]; });
             node_t& nd = nodes_[it.node];
             nd.axis = axis;
-            nd.split = slots[ids[mid]].x[axis];  // left: x <= split, right: x >= split
+            nd.split = pts[mid].x[axis];  // left: x <= split, right: x >= split
             const unsigned left = static_cast<unsigned>(nodes_.size());
             nodes_.push_back(node_t());
             nodes_.push_back(node_t());
@@ -159,10 +164,12 @@ public:
             work.push_back(item{mid, it.end, left + 1});
             work.push_back(item{it.begin, mid, left});
         }
-        ids_.swap(ids);
+        ids_.resize(n);
         x_.resize(n * N);
-        for (std::size_t i = 0; i < n; ++i)
-            for (unsigned c = 0; c < N; ++c) x_[i * N + c] = slots[ids_[i]].x[c];
+        for (std::size_t i = 0; i < n; ++i) {
+            ids_[i] = pts[i].slot;
+            for (unsigned c = 0; c < N; ++c) x_[i * N + c] = pts[i].x[c];
+        }
     }
 
     void clear() {
