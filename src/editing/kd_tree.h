@@ -22,6 +22,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <random>
 
@@ -819,47 +820,46 @@ private:
         slots_.reserve(slot_count);
         marks_.assign((slot_count + 31) / 32, 0u);
         slots_.resize(kept);
-        // Work items: a range of `order` (kept in insertion order) that forms the
-        // subtree rooted at slot `slot`, axis `axis`.  The subtree's root is the
-        // range's first node; its lower side follows in the slots (pre-order).
-        vec<unsigned> tmp(kept);
+        // In pre-order the subtree made of a range of the insertion order occupies
+        // the slots of the same range: its root (the range's first node) first,
+        // then its lower side, then its upper side.  So the slots, filled in
+        // insertion order, are partitioned in place, stably, level by level.
+        for (std::size_t i = 0; i < kept; ++i) fill(slots_[i], order[i]);
+        order = vec<unsigned>();
+        vec<kd_slot<N>> tmp(kept);
         struct item {
             std::size_t begin, end;
-            unsigned slot, axis;
+            unsigned axis;
         };
         vec<item> work;
-        work.push_back(item{0, kept, 0u, 0u});
+        work.push_back(item{0, kept, 0u});
+        kd_slot<N>* sl0 = slots_.data();
         while (!work.empty()) {
             const item it = work.back();
             work.pop_back();
-            const unsigned root = order[it.begin];
-            kd_slot<N>& sl = slots_[it.slot];
-            fill(sl, root);
-            const std::size_t n = it.end - it.begin;
-            if (n == 1) continue;
+            kd_slot<N>& sl = sl0[it.begin];
+            if (it.end - it.begin == 1) continue;
             const double split = sl.x[it.axis];
-            // Stable partition of the rest: lower first, then upper.
             std::size_t nl = 0, nu = 0;
             for (std::size_t i = it.begin + 1; i < it.end; ++i) {
-                const unsigned v = order[i];
-                const double xv = coords_->col(v)[it.axis];
-                if (xv >= split)
-                    tmp[nu++] = v;
+                if (sl0[i].x[it.axis] >= split)
+                    tmp[nu++] = sl0[i];
                 else
-                    order[it.begin + 1 + nl++] = v;
+                    sl0[it.begin + 1 + nl++] = sl0[i];
             }
-            for (std::size_t i = 0; i < nu; ++i) order[it.begin + 1 + nl + i] = tmp[i];
+            std::memcpy(static_cast<void*>(sl0 + it.begin + 1 + nl), tmp.data(), nu * sizeof(kd_slot<N>));
             const unsigned na = (it.axis + 1 == N) ? 0 : it.axis + 1;
             const std::size_t lb = it.begin + 1, ub = it.begin + 1 + nl;
             if (nu) {
-                sl.hi = static_cast<unsigned>(it.slot + 1 + nl);
-                work.push_back(item{ub, it.end, sl.hi, na});
+                sl.hi = static_cast<unsigned>(ub);
+                work.push_back(item{ub, it.end, na});
             }
             if (nl) {
-                sl.lo = it.slot + 1;
-                work.push_back(item{lb, ub, sl.lo, na});
+                sl.lo = static_cast<unsigned>(lb);
+                work.push_back(item{lb, ub, na});
             }
         }
+        tmp = vec<kd_slot<N>>();
         linked_ = static_cast<unsigned>(kept);
         rebuild_aux();
         // Slots freed by repeats stay allocated and on the free stack.
