@@ -55,9 +55,10 @@ fuzz: deps
 	CXX=clang++ $(CMAKE) -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNODARA_BUILD_TESTS=OFF \
 	  -DNODARA_BUILD_TOOLS=OFF -DNODARA_BUILD_FUZZERS=ON
 	$(CMAKE) --build $(FUZZ_DIR) -j$(JOBS)
-	@for f in $(FUZZ_DIR)/fuzz/fuzz_*; do echo "== $$f"; \
-	  mkdir -p $(FUZZ_DIR)/corpus/$$(basename $$f); \
-	  $$f -max_total_time=$(FUZZ_TIME) $(FUZZ_DIR)/corpus/$$(basename $$f) fuzz/corpus/$$(basename $$f) || exit 1; done
+	@for f in $(FUZZ_DIR)/fuzz/fuzz_*; do n=$$(basename $$f); echo "== $$f"; \
+	  mkdir -p $(FUZZ_DIR)/corpus/$$n; \
+	  seeds=fuzz/corpus/$${n#fuzz_}; [ -d $$seeds ] || seeds=; \
+	  $$f -max_total_time=$(FUZZ_TIME) $(FUZZ_DIR)/corpus/$$n $$seeds || exit 1; done
 
 install: demo
 	$(CMAKE) --install $(RELEASE_DIR)

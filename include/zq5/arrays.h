@@ -10,9 +10,10 @@
 // assignment, sub_vector, sub_matrix, as_vector, shallow_copy) makes a second view
 // of the same buffer, and a write through one view is seen through all of them.
 // `copy` is the deep copy.  Growing a view (push_back, resize, reserve) grows the
-// shared buffer in place: every view of it sees the new storage, and an element
-// appended behind a view lands in the buffer slot that follows it, even when that
-// slot belongs to a wider view (no copy-on-write).
+// shared buffer in place: every view of it sees the new storage, which keeps every
+// element the sharing views can reach.  An element appended behind a view lands in
+// the buffer slot that follows it, even when that slot belongs to a wider view (no
+// copy-on-write).
 //
 // Nothing here throws.  Every operation that may allocate reports failure with a
 // `false` result and leaves the array as it was.  All storage, the buffer headers
@@ -252,6 +253,7 @@ public:
     }
     /// Appends n copies of value.
     bool push_back_n(T value, std::size_t n) noexcept {
+        if (n == 0) return true;
         if (n > SIZE_MAX - offset_ - size_ || !room_for(offset_ + size_ + n)) return false;
         T* p = buffer_ ? buffer_->data + offset_ + size_ : nullptr;
         for (std::size_t i = 0; i < n; ++i) p[i] = value;
@@ -274,8 +276,9 @@ public:
     /// Capacity for n elements without changing the size (m: growth factor).
     bool reserve(std::size_t n, std::size_t m = 1) noexcept {
         if (n > SIZE_MAX - offset_) return false;
+        if (n <= capacity()) return true;
         if (!buffer_) return room_for(n);
-        return buffer_->__grow(offset_ + n, offset_ + size_, m);
+        return buffer_->__grow(offset_ + n, kept(), m);
     }
     /// Deep copy of other into storage of this array's own; false on allocation failure.
     bool copy(const dense1D& other) noexcept {
@@ -325,7 +328,13 @@ private:
             return true;
         }
         if (total <= buffer_->capacity) return true;
-        return buffer_->__grow(total, offset_ + size_, 2);
+        return buffer_->__grow(total, kept(), 2);
+    }
+    // Elements to carry over when the buffer grows: up to the end of this view, or
+    // the whole old storage while other views share it (they may hold elements
+    // behind this one).
+    std::size_t kept() const noexcept {
+        return buffer_->__ref_count() > 1 ? static_cast<std::size_t>(buffer_->capacity) : offset_ + size_;
     }
 
     Ptr<buffer_type> buffer_;
@@ -438,6 +447,7 @@ public:
         const bool same_rows = rows == rows_;
         const std::size_t first_new = same_rows ? cols_ : 0;
         if (!resize(rows, cols)) return false;
+        if (rows == 0) return true;  // no storage to fill (there may be no buffer)
         for (std::size_t j = first_new; j < cols; ++j) {
             T* c = col(j);
             for (std::size_t i = 0; i < rows; ++i) c[i] = value;
@@ -494,9 +504,12 @@ private:
             offset_ = 0;
             return true;
         }
+        // Carry over up to the end of this view, or the whole old storage while
+        // other views share it (they may hold elements behind this one).
         std::size_t keep = 0;
         extent(rows_, cols_, ld_, keep);
-        return buffer_->__grow(offset_ + need, offset_ + keep, factor);
+        keep = buffer_->__ref_count() > 1 ? static_cast<std::size_t>(buffer_->capacity) : offset_ + keep;
+        return buffer_->__grow(offset_ + need, keep, factor);
     }
     void take(dense2D& o) noexcept {
         buffer_ = static_cast<Ptr<buffer_type>&&>(o.buffer_);

@@ -22,8 +22,8 @@ void histogram::reset() noexcept {
 
 void histogram::process(double value) {
     ++count_;
+    sum_ += value;  // a NaN makes the mean NaN
     if (!std::isnan(value)) {
-        sum_ += value;
         if (value < min_) min_ = value;
         if (value > max_) max_ = value;
     }
@@ -32,8 +32,14 @@ void histogram::process(double value) {
     } else if (value >= upper_) {
         ++above_;
     } else {
-        std::size_t k = static_cast<std::size_t>((value - lower_) / (upper_ - lower_) * static_cast<double>(bins_));
-        if (k >= bins_) k = bins_ - 1;
+        // Halved so that neither difference overflows on the widest ranges; the
+        // position is clamped (and a NaN from a NaN bound lands in bin 0) before
+        // it becomes an index.
+        const double t = (0.5 * value - 0.5 * lower_) / (0.5 * upper_ - 0.5 * lower_);
+        const double x = t * static_cast<double>(bins_);
+        std::size_t k = 0;
+        if (x >= static_cast<double>(bins_)) k = bins_ - 1;
+        else if (x > 0.0) k = static_cast<std::size_t>(x);
         ++counts_[k];
     }
 }

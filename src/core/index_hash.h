@@ -35,18 +35,19 @@ inline std::uint32_t column_key(const unsigned* column, std::size_t rows) noexce
 }
 
 /// Chained multimap from a 32-bit key to 32-bit values; also serves as a set.
+/// Entries live in one array in insertion order; each bucket chains its entries
+/// in that order too, so the values of one key come back in insertion order.
 class index_table {
 public:
     index_table() { heads_.assign(8, NULL_INDEX); }
 
-    std::size_t size() const noexcept { return keys_.size(); }
+    std::size_t size() const noexcept { return nodes_.size(); }
     std::size_t bucket_count() const noexcept { return heads_.size(); }
 
     /// Reserves room for n entries without rehashing on the way.
     void reserve(std::size_t n) {
-        keys_.reserve(n);
+        nodes_.reserve(n);
         values_.reserve(n);
-        next_.reserve(n);
         std::size_t b = heads_.size();
         while (b < n) b *= 2;
         if (b != heads_.size()) rehash(b);
@@ -54,52 +55,88 @@ public:
 
     /// Adds (key, value) unconditionally, behind the entries already chained.
     void insert(std::uint32_t key, std::uint32_t value) {
-        if (keys_.size() + 1 > heads_.size()) rehash(heads_.size() * 2);
-        const std::uint32_t e = static_cast<std::uint32_t>(keys_.size());
-        keys_.push_back(key);
-        values_.push_back(value);
-        next_.push_back(NULL_INDEX);
-        link(e);
+        grow_for_one_more();
+        const std::size_t b = bucket(key);
+        append(b, chain_tail(b), key, value);
     }
 
     /// Adds key when absent; true when it was added.
     bool insert_unique(std::uint32_t key) {
-        if (find(key) != NULL_INDEX) return false;
-        insert(key, 0);
+        std::size_t b = bucket(key);
+        std::uint32_t tail = NULL_INDEX;
+        for (std::uint32_t e = heads_[b]; e != NULL_INDEX; e = nodes_[e].next) {
+            if (nodes_[e].key == key) return false;
+            tail = e;
+        }
+        if (nodes_.size() + 1 > heads_.size()) {
+            grow_for_one_more();
+            b = bucket(key);
+            tail = chain_tail(b);
+        }
+        append(b, tail, key, 0);
         return true;
     }
 
     /// First entry of key, or NULL_INDEX; walk on with next().
     std::uint32_t find(std::uint32_t key) const noexcept {
-        std::uint32_t e = heads_[index_hash(key) & (heads_.size() - 1)];
-        while (e != NULL_INDEX && keys_[e] != key) e = next_[e];
+        std::uint32_t e = heads_[bucket(key)];
+        while (e != NULL_INDEX && nodes_[e].key != key) e = nodes_[e].next;
         return e;
     }
     /// Next entry with the same key as entry e, or NULL_INDEX.
     std::uint32_t next(std::uint32_t e) const noexcept {
-        const std::uint32_t key = keys_[e];
-        e = next_[e];
-        while (e != NULL_INDEX && keys_[e] != key) e = next_[e];
+        const std::uint32_t key = nodes_[e].key;
+        e = nodes_[e].next;
+        while (e != NULL_INDEX && nodes_[e].key != key) e = nodes_[e].next;
         return e;
     }
     std::uint32_t value(std::uint32_t e) const noexcept { return values_[e]; }
 
 private:
-    void link(std::uint32_t e) {
-        // Chains keep insertion order: walk to the tail.
-        std::uint32_t* slot = &heads_[index_hash(keys_[e]) & (heads_.size() - 1)];
-        while (*slot != NULL_INDEX) slot = &next_[*slot];
-        *slot = e;
+    struct node {
+        std::uint32_t key;
+        std::uint32_t next;
+    };
+
+    std::size_t bucket(std::uint32_t key) const noexcept { return index_hash(key) & (heads_.size() - 1); }
+
+    // Keeps the load factor at most 1 once one more entry is in.
+    void grow_for_one_more() {
+        if (nodes_.size() + 1 > heads_.size()) rehash(heads_.size() * 2);
     }
+    // Last entry of bucket b's chain, or NULL_INDEX for an empty chain.
+    std::uint32_t chain_tail(std::size_t b) const noexcept {
+        std::uint32_t tail = NULL_INDEX;
+        for (std::uint32_t e = heads_[b]; e != NULL_INDEX; e = nodes_[e].next) tail = e;
+        return tail;
+    }
+    // Adds an entry behind `tail` in bucket b (at its head when tail is NULL_INDEX).
+    void append(std::size_t b, std::uint32_t tail, std::uint32_t key, std::uint32_t value) {
+        const std::uint32_t e = static_cast<std::uint32_t>(nodes_.size());
+        values_.push_back(value);  // first, so that a failure leaves no half entry behind
+        try {
+            nodes_.push_back(node{key, NULL_INDEX});
+        } catch (...) {
+            values_.pop_back();
+            throw;
+        }
+        if (tail == NULL_INDEX) heads_[b] = e;
+        else nodes_[tail].next = e;
+    }
+    // New bucket array; the entries are linked in from the last one to the first,
+    // each at the front of its chain, so every chain stays in insertion order.
     void rehash(std::size_t buckets) {
         heads_.assign(buckets, NULL_INDEX);
-        for (std::uint32_t e = 0; e < keys_.size(); ++e) {
-            next_[e] = NULL_INDEX;
-            link(e);
+        for (std::size_t e = nodes_.size(); e-- > 0;) {
+            std::uint32_t& head = heads_[bucket(nodes_[e].key)];
+            nodes_[e].next = head;
+            head = static_cast<std::uint32_t>(e);
         }
     }
 
-    zq5::detail::vec<std::uint32_t> heads_, keys_, values_, next_;
+    zq5::detail::vec<std::uint32_t> heads_;
+    zq5::detail::vec<node> nodes_;
+    zq5::detail::vec<std::uint32_t> values_;
 };
 
 /// Set of indices: a bit per index when the largest index is small against the

@@ -13,13 +13,34 @@ namespace {
 
 using zq5::detail::vec;
 
-// Every entry of the rows x cols block at `m` (columns ld apart) is below nods.
-bool all_below(const dense2D<unsigned>& m, std::size_t row_begin, std::size_t row_end, unsigned nods) noexcept {
-    for (std::size_t j = 0; j < m.cols(); ++j) {
-        const unsigned* c = m.col(j);
-        for (std::size_t i = row_begin; i < row_end; ++i)
-            if (c[i] >= nods) return false;
+// True when an entry v of [p, p + n) has v - lo < width (unsigned arithmetic), that
+// is lo <= v < lo + width.  Scanned in blocks without early exit inside a block, so
+// that the compiler can vectorise; the answer is the same as a plain scan.
+bool any_in(const unsigned* p, std::size_t n, unsigned lo, unsigned width) noexcept {
+    constexpr std::size_t block = 512;
+    for (std::size_t i = 0; i < n; i += block) {
+        const std::size_t end = std::min(n, i + block);
+        unsigned hit = 0;
+        for (std::size_t k = i; k < end; ++k) hit |= static_cast<unsigned>(p[k] - lo < width);
+        if (hit) return true;
     }
+    return false;
+}
+
+// Entries at or above nods (NULL_INDEX included, or not).
+bool any_at_or_above(const unsigned* p, std::size_t n, unsigned nods, bool null_passes) noexcept {
+    const unsigned width = null_passes ? NULL_INDEX - nods : 0u - nods;  // 0 - nods: up to 2^32 - 1
+    if (nods == 0) return null_passes ? any_in(p, n, 0, NULL_INDEX) : n != 0;
+    return any_in(p, n, nods, width);
+}
+
+// Every entry of the matrix view is below nods (or NULL_INDEX when null_passes);
+// one run when ld = rows, else column by column.
+bool all_below(const dense2D<unsigned>& m, unsigned nods, bool null_passes) noexcept {
+    if (m.empty()) return true;
+    if (m.ld() == m.rows()) return !any_at_or_above(m.data(), m.entries(), nods, null_passes);
+    for (std::size_t j = 0; j < m.cols(); ++j)
+        if (any_at_or_above(m.col(j), m.rows(), nods, null_passes)) return false;
     return true;
 }
 
@@ -56,10 +77,22 @@ unsigned max_of(const unsigned* p, std::size_t n, unsigned start) noexcept {
     return m;
 }
 
+// Calls f(pointer, count) on the contiguous runs of the matrix view: the whole
+// matrix at once when ld = rows, else column by column.
+template <class F>
+void for_each_run(const dense2D<unsigned>& a, F&& f) {
+    if (a.empty()) return;
+    if (a.ld() == a.rows()) {
+        f(a.data(), a.entries());
+        return;
+    }
+    for (std::size_t j = 0; j < a.cols(); ++j) f(a.col(j), a.rows());
+}
+
 unsigned max_over(const dense2D<unsigned>* first, const dense2D<unsigned>* last) noexcept {
     unsigned m = 0;
     for (const dense2D<unsigned>* a = first; a != last; ++a)
-        for (std::size_t j = 0; j < a->cols(); ++j) m = max_of(a->col(j), a->rows(), m);
+        for_each_run(*a, [&](const unsigned* p, std::size_t n) { m = max_of(p, n, m); });
     return m;
 }
 
@@ -69,26 +102,46 @@ std::size_t entries_over(const dense2D<unsigned>* first, const dense2D<unsigned>
     return n;
 }
 
-// Appends to out the entries of [p, p + n) that the set has not seen yet.
-void collect(detail::index_set& seen, const unsigned* p, std::size_t n, dense1D<unsigned>& out) {
-    for (std::size_t i = 0; i < n; ++i) {
-        const unsigned v = p[i];
-        if (v != NULL_INDEX && seen.insert(v)) out.push_back(v);
-    }
+template <class X, class Y>
+bool share_buffer(const X& a, const Y& b) noexcept {
+    return a.buffer() && a.buffer().get() == b.buffer().get();
 }
 
-// unique_indices over a range of matrices (the engine of the matrix forms).
-int unique_over(dense1D<unsigned>& out, const dense2D<unsigned>* first, const dense2D<unsigned>* last,
-                const dense1D<unsigned>& excluded) noexcept {
+// The engine of unique_indices: appends to `out` the entries of the matrices of
+// [first, last), column by column, that are not NULL_INDEX, not in `excluded` and
+// not met before.  Returns 0, or -199 when the set of seen indices cannot grow
+// (out is then back to its size on entry).  `complete` is cleared when an append
+// could not grow `out` (that entry is skipped).  `out` may share its buffer with
+// the inputs: the entries are then collected apart and appended at the end.
+int unique_engine(dense1D<unsigned>& out, const dense2D<unsigned>* first, const dense2D<unsigned>* last,
+                  const dense1D<unsigned>& excluded, bool& complete) noexcept {
+    complete = true;
+    for (const dense2D<unsigned>* a = first; a != last; ++a) {
+        if (!share_buffer(*a, out)) continue;
+        dense1D<unsigned> apart;
+        const int status = unique_engine(apart, first, last, excluded, complete);
+        if (status != 0) return status;
+        out.reserve(out.size() + apart.size(), 1);
+        for (unsigned v : apart)
+            if (!out.push_back(v)) complete = false;
+        return 0;
+    }
+    const std::size_t size_on_entry = out.size();
     try {
         const unsigned largest = std::max(max_over(first, last), max_of(excluded.data(), excluded.size(), 0));
         detail::index_set seen(largest, entries_over(first, last) + excluded.size());
         for (unsigned v : excluded)
             if (v != NULL_INDEX) seen.insert(v);
         for (const dense2D<unsigned>* a = first; a != last; ++a)
-            for (std::size_t j = 0; j < a->cols(); ++j) collect(seen, a->col(j), a->rows(), out);
+            for_each_run(*a, [&](const unsigned* p, std::size_t n) {
+                for (std::size_t i = 0; i < n; ++i) {
+                    const unsigned v = p[i];
+                    if (v != NULL_INDEX && seen.insert(v) && !out.push_back(v)) complete = false;
+                }
+            });
         return 0;
     } catch (const std::bad_alloc&) {
+        out.resize(size_on_entry);
         return -199;
     }
 }
@@ -125,9 +178,13 @@ int box_list(const dense2D<double>& pos, const dense1D<unsigned>& nodes, vector_
 template <std::size_t N>
 int box_connect(const dense2D<double>& pos, const dense2D<unsigned>& connectM, vector_fixed<double, N>& min,
                 vector_fixed<double, N>& max) noexcept {
+    // Unlike unique_indices, a node that could not be appended is a failure here:
+    // the box would silently miss it.
     dense1D<unsigned> nodes;
-    const int status = unique_indices(nodes, connectM, dense1D<unsigned>());
+    bool complete = true;
+    const int status = unique_engine(nodes, &connectM, &connectM + 1, dense1D<unsigned>(), complete);
     if (status < 0) return status;
+    if (!complete) return -199;
     return box_list(pos, nodes, min, max);
 }
 
@@ -157,19 +214,12 @@ void rotate_largest_first(unsigned* c, std::size_t n) noexcept {
 
 bool check_IDs(const dense1D<unsigned>& ids, unsigned nods) noexcept {
     if (ids.empty() || nods == NULL_INDEX) return true;
-    for (unsigned v : ids)
-        if (v != NULL_INDEX && v >= nods) return false;
-    return true;
+    return !any_at_or_above(ids.data(), ids.size(), nods, true);
 }
 
 bool check_IDs(const dense2D<unsigned>& connectM, unsigned nods) noexcept {
     if (connectM.empty() || nods == NULL_INDEX) return true;
-    for (std::size_t j = 0; j < connectM.cols(); ++j) {
-        const unsigned* c = connectM.col(j);
-        for (std::size_t i = 0; i < connectM.rows(); ++i)
-            if (c[i] != NULL_INDEX && c[i] >= nods) return false;
-    }
-    return true;
+    return all_below(connectM, nods, true);
 }
 
 bool check_IDs(const dense2D<unsigned>& connectM, element_type FE, unsigned nods) noexcept {
@@ -187,7 +237,7 @@ bool check_IDs(const dense2D<unsigned>& connectM, element_type FE, unsigned nods
         else return false;
     }
     if (rows != nbr_nodes(FE)) return false;
-    return all_below(connectM, 0, rows, nods);
+    return all_below(connectM, nods, false);
 }
 
 unsigned max_ID(const dense1D<unsigned>& ids) noexcept {
@@ -200,7 +250,10 @@ unsigned max_ID(const dense2D<unsigned>& connectM) noexcept {
         if (connectM.empty()) return NULL_INDEX;
         return max_of(connectM.data(), connectM.entries(), 0);
     }
-    return max_over(&connectM, &connectM + 1);
+    unsigned m = 0;
+    if (connectM.rows() == 0) return m;
+    for (std::size_t j = 0; j < connectM.cols(); ++j) m = max_of(connectM.col(j), connectM.rows(), m);
+    return m;
 }
 
 int shift_indices(dense1D<unsigned>& ids, int shift) noexcept {
@@ -245,9 +298,10 @@ void change_indices(dense2D<unsigned>& connectM, const dense1D<unsigned>& new_id
 int permutation(dense1D<unsigned>& values, const dense1D<unsigned>& perm) noexcept { return scatter(values, perm); }
 int permutation(dense1D<double>& values, const dense1D<unsigned>& perm) noexcept { return scatter(values, perm); }
 
-int get_sorted_order(const dense1D<unsigned>& ids, dense1D<unsigned>& order, dense1D<unsigned>& first) noexcept {
-    order.resize(0);
-    first.resize(0);
+namespace {
+
+// get_sorted_order on outputs that share no storage with the input or each other.
+int sorted_order(const dense1D<unsigned>& ids, dense1D<unsigned>& order, dense1D<unsigned>& first) noexcept {
     if (ids.empty()) {
         if (!first.push_back(0)) return -199;
         return 0;
@@ -274,6 +328,28 @@ int get_sorted_order(const dense1D<unsigned>& ids, dense1D<unsigned>& order, den
     return 0;
 }
 
+}  // namespace
+
+int get_sorted_order(const dense1D<unsigned>& ids, dense1D<unsigned>& order, dense1D<unsigned>& first) noexcept {
+    order.resize(0);
+    first.resize(0);
+    if (!share_buffer(ids, order) && !share_buffer(ids, first) && !share_buffer(order, first))
+        return sorted_order(ids, order, first);
+    // Shared storage: sort a private copy into private outputs, then copy back.
+    dense1D<unsigned> input, o, f;
+    if (!input.copy(ids)) return -199;
+    const int status = sorted_order(input, o, f);
+    if (status != 0) return status;
+    if (!order.resize(o.size()) || !first.resize(f.size())) {
+        order.resize(0);
+        first.resize(0);
+        return -199;
+    }
+    std::copy(o.begin(), o.end(), order.begin());
+    std::copy(f.begin(), f.end(), first.begin());
+    return 0;
+}
+
 int get_IDs(const dense1D<unsigned>& A, const dense1D<unsigned>& B, dense1D<unsigned>& posA,
             dense1D<unsigned>& posB) noexcept {
     posA.resize(0);
@@ -282,9 +358,10 @@ int get_IDs(const dense1D<unsigned>& A, const dense1D<unsigned>& B, dense1D<unsi
     if (A.empty() || B.empty()) return 0;
     try {
         const unsigned largest = std::max(max_ID(A), max_ID(B));
-        const std::size_t words = static_cast<std::size_t>(largest) / 64 + 1;
-        if (words * 2 <= A.size() + B.size() + 1024) {
-            // Dense indices: a direct table from value to its first position in A.
+        const std::size_t slots = static_cast<std::size_t>(largest) + 1;
+        if (slots <= 4 * (A.size() + B.size()) + 4096) {
+            // Dense indices: a direct table from value to its first position in A
+            // (at most 16 bytes per entry of A and B).
             vec<unsigned> where(static_cast<std::size_t>(largest) + 1, NULL_INDEX);
             for (std::size_t p = A.size(); p-- > 0;)
                 if (A[p] != NULL_INDEX) where[A[p]] = static_cast<unsigned>(p);
@@ -362,16 +439,10 @@ int get_IDs(const dense2D<unsigned>& A, const dense2D<unsigned>& B, dense1D<unsi
 
 int unique_indices(dense1D<unsigned>& out, const dense1D<unsigned>& ids, dense1D<unsigned> excluded) noexcept {
     out.reserve(out.size() + ids.size(), 1);
-    try {
-        const unsigned largest = std::max(max_of(ids.data(), ids.size(), 0), max_of(excluded.data(), excluded.size(), 0));
-        detail::index_set seen(largest, ids.size() + excluded.size());
-        for (unsigned v : excluded)
-            if (v != NULL_INDEX) seen.insert(v);
-        collect(seen, ids.data(), ids.size(), out);
-        return 0;
-    } catch (const std::bad_alloc&) {
-        return -199;
-    }
+    // The list as a one-row matrix over the same storage.
+    const dense2D<unsigned> row(ids.buffer(), ids.offset(), 1, ids.size(), 1);
+    bool complete = true;
+    return unique_engine(out, &row, &row + 1, excluded, complete);
 }
 
 int unique_indices(dense1D<unsigned>& out, const dense2D<unsigned>& connectM, dense1D<unsigned> excluded) noexcept {
@@ -382,7 +453,8 @@ int unique_indices(dense1D<unsigned>& out, const dense2D<unsigned>* first, const
                    dense1D<unsigned> excluded) noexcept {
     if (first > last) return -3;
     if (first == last) return 0;
-    return unique_over(out, first, last, excluded);
+    bool complete = true;
+    return unique_engine(out, first, last, excluded, complete);
 }
 
 int count_unique_indices(const dense2D<unsigned>& connectM) noexcept {
@@ -396,11 +468,10 @@ int count_unique_indices(const dense2D<unsigned>* first, const dense2D<unsigned>
         detail::index_set seen(max_over(first, last), entries_over(first, last));
         int count = 0;
         for (const dense2D<unsigned>* a = first; a != last; ++a)
-            for (std::size_t j = 0; j < a->cols(); ++j) {
-                const unsigned* c = a->col(j);
-                for (std::size_t i = 0; i < a->rows(); ++i)
-                    if (c[i] != NULL_INDEX && seen.insert(c[i])) ++count;
-            }
+            for_each_run(*a, [&](const unsigned* p, std::size_t n) {
+                for (std::size_t i = 0; i < n; ++i)
+                    if (p[i] != NULL_INDEX && seen.insert(p[i])) ++count;
+            });
         return count;
     } catch (const std::bad_alloc&) {
         return -199;

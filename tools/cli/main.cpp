@@ -123,7 +123,7 @@ int run_demo(const std::string& output) {
     summary s;
     if (!summarize(m, s, why)) return error("sample mesh", why.message, why.status);
     const block_summary& b = s.blocks[0];
-    std::printf("topology          %8.1f ms  %zu pieces, %zu free edges, %zu non-manifold sides, %zu edges\n",
+    std::printf("topology          %8.1f ms  connected pieces %zu, free edges %zu, non-manifold sides %zu, edges %zu\n",
                 ms_since(t0), b.pieces, b.skin, b.nonmanifold, b.edges);
 
     t0 = std::chrono::steady_clock::now();

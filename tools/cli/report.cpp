@@ -131,14 +131,17 @@ void print_summary(std::FILE* out, const summary& s) {
         }
         const unsigned dim = element_dim(b.type);
         const char* skin = dim == 3 ? "boundary faces" : dim == 2 ? "free edges" : "free ends";
-        std::fprintf(out, "  pieces:         %zu\n", b.pieces);
+        std::fprintf(out, "  connected pieces: %zu\n", b.pieces);
         std::fprintf(out, "  %-15s %zu%s\n", (std::string(skin) + ":").c_str(), b.skin,
                      dim == 2 && b.skin == 0 ? " (closed surface)" : "");
         std::fprintf(out, "  non-manifold:   %zu element sides shared by more than two elements\n", b.nonmanifold);
-        if (dim == 2 && b.skin == 0 && b.nonmanifold == 0)
-            std::fprintf(out, "  Euler characteristic: %lld\n",
-                         static_cast<long long>(b.nodes_used) - static_cast<long long>(b.edges) +
-                             static_cast<long long>(b.elements));
+        if (dim == 2 && b.skin == 0 && b.nonmanifold == 0) {
+            const long long chi = static_cast<long long>(b.nodes_used) - static_cast<long long>(b.edges) +
+                                  static_cast<long long>(b.elements);
+            std::fprintf(out, "  Euler characteristic: %lld", chi);
+            if (b.pieces == 1 && chi <= 2 && chi % 2 == 0) std::fprintf(out, " (genus %lld)", (2 - chi) / 2);
+            std::fprintf(out, "\n");
+        }
     }
 }
 

@@ -136,8 +136,9 @@ NODARA_API int permutation(dense1D<double>& values, const dense1D<unsigned>& per
 /// (positions ascending within a group), and `first` with max_ID(ids) + 2 offsets:
 /// the positions holding index v are order[first[v]] .. order[first[v+1] - 1].
 /// An empty `ids` gives first = [0] and an empty order.
-/// Status: 0; -1 the largest index is NULL_INDEX; -199 an output cannot be sized
-/// (both outputs left empty).
+/// The outputs may share storage with ids; the sort reads ids as it was on entry.
+/// Status: 0; -1 the largest index is NULL_INDEX (max_ID of a non-empty list never
+/// is, so this does not occur); -199 an output cannot be sized (both left empty).
 NODARA_API int get_sorted_order(const dense1D<unsigned>& ids, dense1D<unsigned>& order,
                                 dense1D<unsigned>& first) noexcept;
 
@@ -166,21 +167,22 @@ NODARA_API int get_IDs(const dense2D<unsigned>& A, const dense2D<unsigned>& B, d
 /// Appends to `out` (not cleared) the distinct entries of `ids` in order of first
 /// appearance, leaving out NULL_INDEX and every entry of `excluded` (entries
 /// already in `out` are not looked at).  An append whose growth fails is skipped.
-/// Status: 0.
+/// `out` may share storage with the inputs.
+/// Status: 0; -199 the set of seen indices cannot grow (out back to its size).
 NODARA_API int unique_indices(dense1D<unsigned>& out, const dense1D<unsigned>& ids,
                               dense1D<unsigned> excluded) noexcept;
-/// The same over the matrix, column by column.  Status: 0.
+/// The same over the matrix, column by column.  Status: 0; -199 as above.
 NODARA_API int unique_indices(dense1D<unsigned>& out, const dense2D<unsigned>& connectM,
                               dense1D<unsigned> excluded) noexcept;
 /// The same over the matrices of [first, last), in turn.
-/// Status: 0 (also for an empty range); -3 first > last.
+/// Status: 0 (also for an empty range); -3 first > last; -199 as above.
 NODARA_API int unique_indices(dense1D<unsigned>& out, const dense2D<unsigned>* first,
                               const dense2D<unsigned>* last, dense1D<unsigned> excluded) noexcept;
 
 /// Number of distinct entries of the matrix, NULL_INDEX not counted.
 NODARA_API int count_unique_indices(const dense2D<unsigned>& connectM) noexcept;
 /// Number of distinct entries over [first, last), NULL_INDEX not counted;
-/// 0 for an empty range; -2 first > last.
+/// 0 for an empty range; -2 first > last; -199 the set of seen indices cannot grow.
 NODARA_API int count_unique_indices(const dense2D<unsigned>* first, const dense2D<unsigned>* last) noexcept;
 
 // ---------------------------------------------------------------------------
@@ -201,7 +203,8 @@ NODARA_API int inc_bounding_box(const dense2D<double>& pos, const dense1D<unsign
                                 vector_fixed<double, 2>& min, vector_fixed<double, 2>& max) noexcept;
 NODARA_API int inc_bounding_box(const dense2D<double>& pos, const dense1D<unsigned>& nodes,
                                 vector_fixed<double, 3>& min, vector_fixed<double, 3>& max) noexcept;
-/// The nodes of a connectivity (each once); statuses of the node-list form.
+/// The nodes of a connectivity (each once): the statuses of the node-list form,
+/// and -199 when the list of nodes cannot be made.
 NODARA_API int inc_bounding_box(const dense2D<double>& pos, const dense2D<unsigned>& connectM,
                                 vector_fixed<double, 2>& min, vector_fixed<double, 2>& max) noexcept;
 NODARA_API int inc_bounding_box(const dense2D<double>& pos, const dense2D<unsigned>& connectM,
