@@ -97,17 +97,13 @@ private:
 template <unsigned N>
 class bucket_tree {
 public:
-    bool empty() const { return ids_.empty(); }
-    std::size_t size() const { return ids_.size(); }
+    bool empty() const { return pts_.empty(); }
+    std::size_t size() const { return pts_.size(); }
 
     /// Builds over the slots [0, count) of `slots` whose coordinates are finite.
     void build(const kd_slot<N>* slots, std::size_t count) {
         clear();
-        struct point {
-            double x[N];
-            unsigned slot;
-        };
-        vec<point> pts;
+        vec<point>& pts = pts_;
         pts.reserve(count);
         for (std::size_t k = 0; k < count; ++k) {
             bool finite = slots[k].node != NULL_INDEX;
@@ -165,18 +161,11 @@ public:
             work.push_back(item{mid, it.end, left + 1});
             work.push_back(item{it.begin, mid, left});
         }
-        ids_.resize(n);
-        x_.resize(n * N);
-        for (std::size_t i = 0; i < n; ++i) {
-            ids_[i] = pts[i].slot;
-            for (unsigned c = 0; c < N; ++c) x_[i * N + c] = pts[i].x[c];
-        }
     }
 
     void clear() {
         nodes_.clear();
-        ids_.clear();
-        x_.clear();
+        pts_.clear();
     }
 
     /// Lowers dstar to the smallest squared distance from P to a point whose slot
@@ -203,9 +192,9 @@ public:
             const node_t& nd = nodes_[f.node];
             if (nd.axis == kLeafMark) {
                 for (unsigned i = nd.a; i < nd.b; ++i) {
-                    const double d2 = dist(P, &x_[static_cast<std::size_t>(i) * N]);
+                    const double d2 = dist(P, pts_[i].x);
                     if (!(d2 <= dstar)) continue;
-                    const unsigned slot = ids_[i];
+                    const unsigned slot = pts_[i].slot;
                     if (slots[slot].node == exclude) continue;
                     if (d2 < dstar) {
                         dstar = d2;
@@ -234,6 +223,10 @@ public:
     }
 
 private:
+    struct point {
+        double x[N];
+        unsigned slot;
+    };
     static constexpr unsigned kLeaf = 8;
     static constexpr unsigned kLeafMark = 0xFFFFFFFFu;
     struct node_t {
@@ -249,8 +242,7 @@ private:
     }
 
     vec<node_t> nodes_;
-    vec<unsigned> ids_;  // slot of each point, leaves contiguous
-    vec<double> x_;      // coordinates of each point, in the same order
+    vec<point> pts_;  // leaves contiguous
 };
 
 template <unsigned N>
