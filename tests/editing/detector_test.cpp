@@ -353,4 +353,39 @@ TEST(DetectorFaults, ReinitReportsAndLeavesTheDetectorEmpty) {
     EXPECT_EQ(ignored, 40u);
 }
 
+TEST(DetectorFaults, InsertAndQueriesUnderFailureStayConsistent) {
+    NODARA_REQUIRE_FAULT_INJECTION();
+    const dense2D<double> pos = random_cloud(2, 120, true, 4);
+    std::vector<unsigned> first, rest;
+    for (unsigned i = 0; i < 120; ++i) (i < 20 ? first : rest).push_back(i);
+    node_detector d;
+    unsigned added = 0;
+    const dense1D<unsigned> rest_list = list_of(rest);
+    nodara_test::for_each_allocation_failure(
+        [&] { ASSERT_EQ(d.reinit(pos, list_of(first)), 0); }, [&] { return d.insert(rest_list); },
+        [&](unsigned r) {
+            EXPECT_LE(r, 100u);
+            // Whatever went in is searchable: every answer is a real nearest node.
+            const unsigned got = d.find_closest(vector_fixed<double, 2>{3., 3.});
+            EXPECT_LT(got, 120u);
+        },
+        added);
+    EXPECT_EQ(added, 100u);
+    nodara_ref::tree<2> ref(pos);
+    ref.insert(first);
+    ref.insert(rest);
+    const double P[2] = {2.5, 3.5};
+    EXPECT_EQ(d.find_closest(vector_fixed<double, 2>{2.5, 3.5}), ref.closest(P));
+    dense1D<unsigned> found;
+    std::size_t count = 0;
+    nodara_test::for_each_allocation_failure(
+        [&] { found = dense1D<unsigned>(); },
+        [&] {
+            d.find_in_box(vector_fixed<double, 2>{0., 0.}, vector_fixed<double, 2>{6., 6.}, found);
+            return found.size();
+        },
+        [&](std::size_t n) { EXPECT_LT(n, 120u); }, count);
+    EXPECT_EQ(count, 120u);
+}
+
 }  // namespace
