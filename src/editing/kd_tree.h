@@ -10,7 +10,14 @@
 // slots one by one.  Each slot carries a copy of its node's coordinates so that a
 // search never leaves the slot array.
 //
-// Every member that allocates throws std::bad_alloc; callers catch it.
+// Nearest-node queries of the node detector also use a bucket tree (balanced,
+// median splits, a few points per leaf) over the same nodes to find the smallest
+// distance quickly; the documented order of the tree above then settles which
+// node is the answer (see kd_tree::closest).  The documented search is kept as
+// closest_documented, for the cases the fast route cannot vouch for.
+//
+// Every member that allocates throws std::bad_alloc unless it says otherwise;
+// callers catch it.
 #ifndef NODARA_SRC_EDITING_KD_TREE_H
 #define NODARA_SRC_EDITING_KD_TREE_H
 
