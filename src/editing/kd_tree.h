@@ -124,13 +124,29 @@ public:
         const std::size_t n = pts.size();
         if (n == 0) return;
         nodes_.reserve(2 * (n / kLeaf) + 2);
+        // Each range carries the box of its region (the points' box at the root,
+        // then cut at each split): the widest side of it chooses the split axis.
         struct item {
             std::size_t begin, end;
             unsigned node;
+            double lo[N], hi[N];
         };
         vec<item> work;
         nodes_.push_back(node_t());
-        work.push_back(item{0, n, 0u});
+        {
+            item root;
+            root.begin = 0;
+            root.end = n;
+            root.node = 0;
+            for (unsigned c = 0; c < N; ++c) root.lo[c] = root.hi[c] = pts[0].x[c];
+            for (std::size_t i = 1; i < n; ++i)
+                for (unsigned c = 0; c < N; ++c) {
+                    const double x = pts[i].x[c];
+                    root.lo[c] = x < root.lo[c] ? x : root.lo[c];
+                    root.hi[c] = x > root.hi[c] ? x : root.hi[c];
+                }
+            work.push_back(root);
+        }
         while (!work.empty()) {
             const item it = work.back();
             work.pop_back();
@@ -140,18 +156,10 @@ public:
                 nodes_[it.node].b = static_cast<unsigned>(it.end);
                 continue;
             }
-            // Split the widest extent at the median.
-            double lo[N], hi[N];
-            for (unsigned c = 0; c < N; ++c) lo[c] = hi[c] = pts[it.begin].x[c];
-            for (std::size_t i = it.begin + 1; i < it.end; ++i)
-                for (unsigned c = 0; c < N; ++c) {
-                    const double x = pts[i].x[c];
-                    lo[c] = x < lo[c] ? x : lo[c];
-                    hi[c] = x > hi[c] ? x : hi[c];
-                }
+            // Split the widest side of the region at the median.
             unsigned axis = 0;
             for (unsigned c = 1; c < N; ++c)
-                if (hi[c] - lo[c] > hi[axis] - lo[axis]) axis = c;
+                if (it.hi[c] - it.lo[c] > it.hi[axis] - it.lo[axis]) axis = c;
             const std::size_t mid = it.begin + (it.end - it.begin) / 2;
             std::nth_element(pts.begin() + static_cast<std::ptrdiff_t>(it.begin),
                              pts.begin() + static_cast<std::ptrdiff_t>(mid),
@@ -165,8 +173,15 @@ public:
             nodes_.push_back(node_t());
             nodes_[it.node].a = left;
             nodes_[it.node].b = left + 1;
-            work.push_back(item{mid, it.end, left + 1});
-            work.push_back(item{it.begin, mid, left});
+            item right = it, leftit = it;
+            right.begin = mid;
+            right.node = left + 1;
+            right.lo[axis] = nodes_[it.node].split;
+            leftit.end = mid;
+            leftit.node = left;
+            leftit.hi[axis] = nodes_[it.node].split;
+            work.push_back(right);
+            work.push_back(leftit);
         }
     }
 
