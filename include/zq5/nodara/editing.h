@@ -45,7 +45,7 @@ namespace nodara {
 /// upper subtree, lower subtree), so they are fixed for a given input list.
 /// The answers are exactly those of that documented search; the detector also
 /// keeps a second, bucketed index over the same nodes to find them faster
-/// (memory: about 72 bytes per node in 3-D, 56 in 2-D).
+/// (memory: about 80 bytes per node in 3-D, 60 in 2-D).
 /// Allocation: `reinit` reports failure (-199); `insert` leaves out the nodes it
 /// cannot find room for; `find_in_box` skips appends it cannot make; the queries
 /// allocate only for unusually deep trees (many coincident nodes) and answer
