@@ -160,14 +160,28 @@ public:
             unsigned axis = 0;
             for (unsigned c = 1; c < N; ++c)
                 if (it.hi[c] - it.lo[c] > it.hi[axis] - it.lo[axis]) axis = c;
-            const std::size_t mid = it.begin + (it.end - it.begin) / 2;
-            std::nth_element(pts.begin() + static_cast<std::ptrdiff_t>(it.begin),
-                             pts.begin() + static_cast<std::ptrdiff_t>(mid),
-                             pts.begin() + static_cast<std::ptrdiff_t>(it.end),
-                             [axis](const point& p, const point& q) { return p.x[axis] < q.x[axis]; });
+            // First try the middle of the region (one pass); when that leaves
+            // fewer than an eighth of the points on one side, the median.
+            const auto first = pts.begin() + static_cast<std::ptrdiff_t>(it.begin);
+            const auto last = pts.begin() + static_cast<std::ptrdiff_t>(it.end);
+            const std::size_t count = it.end - it.begin;
+            double split = 0.5 * (it.lo[axis] + it.hi[axis]);
+            std::size_t mid = it.begin;
+            bool balanced = false;
+            if (std::isfinite(split)) {
+                const auto m = std::partition(first, last, [axis, split](const point& p) { return p.x[axis] < split; });
+                mid = it.begin + static_cast<std::size_t>(m - first);
+                balanced = mid - it.begin >= count / 8 && it.end - mid >= count / 8 && mid > it.begin && mid < it.end;
+            }
+            if (!balanced) {
+                mid = it.begin + count / 2;
+                std::nth_element(first, pts.begin() + static_cast<std::ptrdiff_t>(mid), last,
+                                 [axis](const point& p, const point& q) { return p.x[axis] < q.x[axis]; });
+                split = pts[mid].x[axis];
+            }
             node_t& nd = nodes_[it.node];
             nd.axis = axis;
-            nd.split = pts[mid].x[axis];  // left: x <= split, right: x >= split
+            nd.split = split;  // left: x <= split, right: x >= split
             const unsigned left = static_cast<unsigned>(nodes_.size());
             nodes_.push_back(node_t());
             nodes_.push_back(node_t());
