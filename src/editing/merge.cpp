@@ -322,12 +322,12 @@ public:
         for (std::size_t g = 0; g < G; ++g) mstart_[g + 1] = mstart_[g] + msize[g];
         mnode_.resize(mstart_[G]);
         mins_.resize(mstart_[G]);
-        vec<unsigned> index_in_group(n2, NULL_INDEX);
+        vec<unsigned> index_in_group(same ? 0 : n2, NULL_INDEX);
         for (std::size_t g = 0; g < G; ++g) msize[g] = 0;
         for (std::size_t r = 0; r < n2; ++r) {
             const unsigned g = group_of_node_rank[r];
             if (g == NULL_INDEX) continue;
-            index_in_group[r] = msize[g];
+            if (!same) index_in_group[r] = msize[g];
             const std::size_t at = mstart_[g] + msize[g]++;
             mnode_[at] = L2[r];
             mins_[at] = ins_of_rank[r];
@@ -702,26 +702,30 @@ template <unsigned N>
 long long engine_n(const dense2D<double>& pos, const vec<unsigned>& L1, const vec<unsigned>& L2, bool same,
                    unsigned* ids, double tol) {
     const std::size_t n2 = L2.size();
-    vec<unsigned> rank(pos.cols(), NULL_INDEX);
-    for (std::size_t r = 0; r < n2; ++r) rank[L2[r]] = static_cast<unsigned>(r);
+    // rank[v]: v's position in L2; not needed by the coincident groups when
+    // L1 = L2 (the position in L1 is the rank).
+    vec<unsigned> rank;
+    auto make_rank = [&]() {
+        if (!rank.empty()) return;
+        rank.assign(pos.cols(), NULL_INDEX);
+        for (std::size_t r = 0; r < n2; ++r) rank[L2[r]] = static_cast<unsigned>(r);
+    };
     vec<unsigned> order(n2);
     for (std::size_t p = 0; p < n2; ++p) order[p] = static_cast<unsigned>(p);
     detail::seeded_shuffle(order.data(), n2);
-    if (tol == 0.0 && !has_nan(pos, L2)) {
+    const bool zero = tol == 0.0 && !has_nan(pos, L2);
+    const bool isolated_candidate = !zero && same && tol > 0.0 && std::isfinite(tol * tol) && all_usable<N>(pos, L2, tol);
+    if (zero || isolated_candidate) {
+        if (!same) make_rank();
         vec<unsigned> ins_of_rank(n2);
         for (std::size_t p = 0; p < n2; ++p) ins_of_rank[order[p]] = static_cast<unsigned>(p);
-        order = vec<unsigned>();
+        if (zero) order = vec<unsigned>();
         coincident_passes<N> passes(pos, L1, L2, same, rank, ins_of_rank);
-        return passes.run(ids);
+        // With tol > 0 this holds when only coincident nodes lie within tol of one
+        // another (a triangle soup with a small tolerance).
+        if (zero || passes.isolated(pos, tol)) return passes.run(ids);
     }
-    if (same && tol > 0.0 && std::isfinite(tol * tol) && all_usable<N>(pos, L2, tol)) {
-        // Often (a triangle soup with a small tolerance) only coincident nodes lie
-        // within tol of one another.
-        vec<unsigned> ins_of_rank(n2);
-        for (std::size_t p = 0; p < n2; ++p) ins_of_rank[order[p]] = static_cast<unsigned>(p);
-        coincident_passes<N> passes(pos, L1, L2, same, rank, ins_of_rank);
-        if (passes.isolated(pos, tol)) return passes.run(ids);
-    }
+    make_rank();
     for (std::size_t p = 0; p < n2; ++p) order[p] = L2[order[p]];
     candidate_lists<N> lists;
     if (!fill_by_cells(lists, pos, L1, rank, order, tol)) fill_by_walks(lists, pos, L1, rank, order, tol);
