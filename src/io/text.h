@@ -179,7 +179,12 @@ inline bool parse_double(const char*& p, double& value) noexcept {
     std::from_chars_result r{};
     double v = 0.0;
     bool hex = false;
-    if (q[0] == '0' && (q[1] == 'x' || q[1] == 'X')) {
+    // A hexadecimal number needs a hexadecimal digit after "0x" ("0x-1" and "0xinf"
+    // read as the number 0 followed by text, as strtod reads them).
+    const auto hex_digit = [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    };
+    if (q[0] == '0' && (q[1] == 'x' || q[1] == 'X') && (hex_digit(q[2]) || (q[2] == '.' && hex_digit(q[3])))) {
         r = std::from_chars(q + 2, end, v, std::chars_format::hex);
         hex = r.ec != std::errc::invalid_argument;
     }
