@@ -815,6 +815,10 @@ private:
             free_.clear();
             marks_.clear();
             linked_ = 0;
+            aux_.clear();
+            aux_valid_ = false;
+            extra_.clear();
+            has_nan_ = false;
             throw;
         }
     }

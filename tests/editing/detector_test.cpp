@@ -371,6 +371,20 @@ TEST(DetectorFaults, InsertAndQueriesUnderFailureStayConsistent) {
         },
         added);
     EXPECT_EQ(added, 100u);
+    // Into an empty tree the nodes go in bulk; a failure there falls back to the
+    // one-by-one insertion.  Queries stay within what went in.
+    node_detector e;
+    unsigned bulk = 0;
+    nodara_test::for_each_allocation_failure(
+        [&] { ASSERT_EQ(e.reinit(pos, dense1D<unsigned>()), 0); }, [&] { return e.insert(rest_list); },
+        [&](unsigned r) {
+            EXPECT_LE(r, 100u);
+            EXPECT_LE(e.size(), 100u);
+            const unsigned got = e.find_closest(vector_fixed<double, 2>{3., 3.});
+            EXPECT_TRUE(got == zq5::NULL_INDEX || (got >= 20u && got < 120u));
+        },
+        bulk);
+    EXPECT_EQ(bulk, 100u);
     nodara_ref::tree<2> ref(pos);
     ref.insert(first);
     ref.insert(rest);
