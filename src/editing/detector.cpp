@@ -86,6 +86,7 @@ template <class Tree>
 int build(Tree*& t, const dense2D<double>& pos, std::size_t room, const unsigned* list, std::size_t n) noexcept {
     t = new_tree<Tree>(&pos);
     if (!t) return -199;
+    t->enable_fast_nearest();
     try {
         t->reserve(room);
     } catch (const std::bad_alloc&) {

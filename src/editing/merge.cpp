@@ -1,20 +1,28 @@
 // merge: the node-list engine, its connectivity and snapping forms, and the
 // collapse of short element edges (modes 1 and 2).
 //
-// The engine's passes only need, for each node v of L1, the target candidates u
-// (u != v, rank[u] < rank[v], squared distance <= tol^2) in the order in which
-// the k-d tree's box walk meets them.  Those lists do not change from pass to
-// pass (only the survivor status of the candidates does), so they are gathered
-// once:
-//   - with tol = 0 only coincident nodes interact, and the box walk meets
-//     coincident nodes in the order they were inserted (each later one lies on
-//     the upper side of every earlier one).  Grouping the targets by exact
-//     coordinates then gives every answer without any tree: the winner for v is
-//     the surviving lower-ranked member of v's group inserted last.  A NaN
-//     coordinate in the tree can hide nodes from the walk, so such input takes
-//     the tree route;
-//   - otherwise the tree is built (in bulk, equal to the one-by-one insertion)
-//     and walked once per node; passes then scan the stored lists.
+// A pass of the engine needs, for each node v of L1, its candidates u (u != v,
+// rank[u] < rank[v], squared distance <= tol^2) in the order in which the box
+// walk of the k-d tree meets them; only the order of candidates at equal
+// distance can change a result.  The candidates do not change from pass to pass
+// (only which of them still survive), so they are gathered once, by the first
+// route that applies:
+//   1. tol = 0 (no NaN among the targets): only coincident nodes interact, and
+//      the box walk meets coincident nodes in insertion order (each later one
+//      lies on the upper side of every earlier one).  Targets are grouped by
+//      exact coordinates; a pass visits only the groups changed by the previous
+//      one, and the winner for v is the surviving lower-ranked member of its
+//      group inserted last.  No tree is built;
+//   2. tol > 0, L1 = L2, finite coordinates, and no group of coincident nodes
+//      within tol of another (a triangle soup with a small tolerance): the same
+//      as route 1, checked with a grid of cells;
+//   3. tol > 0, finite coordinates: candidates from a grid of cells, each cell
+//      listing its targets in insertion order.  This agrees with the walk as
+//      long as candidates at equal distance coincide; when two do not, route 4;
+//   4. otherwise: the k-d tree is built (in bulk, equal to the one-by-one
+//      insertion) and walked once per node.
+// The tests compare every route with a plain transcription of the documented
+// passes.
 #include "editing/kd_tree.h"
 #include "editing/lists.h"
 
@@ -52,8 +60,6 @@ inline double dist2(const double* a, const double* b) {
 }
 
 // ---------------------------------------------------------------------------
-// Candidate providers.  best(i, ids, best, d2) answers for the i-th node of L1.
-
 // A uniform grid of cells over a list of points (finite coordinates), each cell
 // holding its points in list order.  Cells are at least 2 tol wide, and as wide
 // as the mean spacing of the points when that is larger, so that most boxes of
@@ -316,12 +322,12 @@ public:
         for (std::size_t g = 0; g < G; ++g) mstart_[g + 1] = mstart_[g] + msize[g];
         mnode_.resize(mstart_[G]);
         mins_.resize(mstart_[G]);
-        vec<unsigned> index_in_group(n2, NULL_INDEX);
+        vec<unsigned> index_in_group(same ? 0 : n2, NULL_INDEX);
         for (std::size_t g = 0; g < G; ++g) msize[g] = 0;
         for (std::size_t r = 0; r < n2; ++r) {
             const unsigned g = group_of_node_rank[r];
             if (g == NULL_INDEX) continue;
-            index_in_group[r] = msize[g];
+            if (!same) index_in_group[r] = msize[g];
             const std::size_t at = mstart_[g] + msize[g]++;
             mnode_[at] = L2[r];
             mins_[at] = ins_of_rank[r];
@@ -696,26 +702,30 @@ template <unsigned N>
 long long engine_n(const dense2D<double>& pos, const vec<unsigned>& L1, const vec<unsigned>& L2, bool same,
                    unsigned* ids, double tol) {
     const std::size_t n2 = L2.size();
-    vec<unsigned> rank(pos.cols(), NULL_INDEX);
-    for (std::size_t r = 0; r < n2; ++r) rank[L2[r]] = static_cast<unsigned>(r);
+    // rank[v]: v's position in L2; not needed by the coincident groups when
+    // L1 = L2 (the position in L1 is the rank).
+    vec<unsigned> rank;
+    auto make_rank = [&]() {
+        if (!rank.empty()) return;
+        rank.assign(pos.cols(), NULL_INDEX);
+        for (std::size_t r = 0; r < n2; ++r) rank[L2[r]] = static_cast<unsigned>(r);
+    };
     vec<unsigned> order(n2);
     for (std::size_t p = 0; p < n2; ++p) order[p] = static_cast<unsigned>(p);
     detail::seeded_shuffle(order.data(), n2);
-    if (tol == 0.0 && !has_nan(pos, L2)) {
+    const bool zero = tol == 0.0 && !has_nan(pos, L2);
+    const bool isolated_candidate = !zero && same && tol > 0.0 && std::isfinite(tol * tol) && all_usable<N>(pos, L2, tol);
+    if (zero || isolated_candidate) {
+        if (!same) make_rank();
         vec<unsigned> ins_of_rank(n2);
         for (std::size_t p = 0; p < n2; ++p) ins_of_rank[order[p]] = static_cast<unsigned>(p);
-        order = vec<unsigned>();
+        if (zero) order = vec<unsigned>();
         coincident_passes<N> passes(pos, L1, L2, same, rank, ins_of_rank);
-        return passes.run(ids);
+        // With tol > 0 this holds when only coincident nodes lie within tol of one
+        // another (a triangle soup with a small tolerance).
+        if (zero || passes.isolated(pos, tol)) return passes.run(ids);
     }
-    if (same && tol > 0.0 && std::isfinite(tol * tol) && all_usable<N>(pos, L2, tol)) {
-        // Often (a triangle soup with a small tolerance) only coincident nodes lie
-        // within tol of one another.
-        vec<unsigned> ins_of_rank(n2);
-        for (std::size_t p = 0; p < n2; ++p) ins_of_rank[order[p]] = static_cast<unsigned>(p);
-        coincident_passes<N> passes(pos, L1, L2, same, rank, ins_of_rank);
-        if (passes.isolated(pos, tol)) return passes.run(ids);
-    }
+    make_rank();
     for (std::size_t p = 0; p < n2; ++p) order[p] = L2[order[p]];
     candidate_lists<N> lists;
     if (!fill_by_cells(lists, pos, L1, rank, order, tol)) fill_by_walks(lists, pos, L1, rank, order, tol);

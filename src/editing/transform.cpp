@@ -28,57 +28,22 @@ bool pad_rows(dense2D<double>& pos, std::size_t dim) {
     return true;
 }
 
-// A transform of the first N coordinates of a column.
+// x' = c + M (x - c) on the first N coordinates of a column.
 template <std::size_t N>
 struct affine {
-    double M[N][N];  // linear part, applied to x - c
-    double c[N];     // centre
-    double t[N];     // translation added after
+    double M[N][N];
+    double c[N];
     void operator()(double* x) const {
         double d[N], y[N];
         for (std::size_t k = 0; k < N; ++k) d[k] = x[k] - c[k];
         for (std::size_t i = 0; i < N; ++i) {
             double s = 0.0;
             for (std::size_t k = 0; k < N; ++k) s += M[i][k] * d[k];
-            y[i] = c[i] + s + t[i];
+            y[i] = c[i] + s;
         }
         for (std::size_t k = 0; k < N; ++k) x[k] = y[k];
     }
 };
-
-template <std::size_t N>
-int apply_all(dense2D<double>& pos, const affine<N>& f) {
-    if (!pad_rows(pos, N)) return -199;
-    const std::size_t cols = pos.cols();
-    for (std::size_t j = 0; j < cols; ++j) f(pos.col(j));
-    return static_cast<int>(cols);
-}
-
-template <std::size_t N>
-int apply_list(dense2D<double>& pos, const affine<N>& f, const unsigned* list, std::size_t n) {
-    if (n == 0) return 0;
-    if (!pad_rows(pos, N)) return -199;
-    const std::size_t cols = pos.cols();
-    int count = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        const unsigned v = list[i];
-        if (v >= cols) continue;
-        f(pos.col(v));
-        ++count;
-    }
-    return count;
-}
-
-template <std::size_t N>
-int apply_matrix(dense2D<double>& pos, const affine<N>& f, const dense2D<unsigned>& connectM) {
-    try {
-        vec<unsigned> list;
-        detail::unique_nodes(&connectM, &connectM + 1, NULL_INDEX, list);
-        return apply_list(pos, f, list.data(), list.size());
-    } catch (const std::bad_alloc&) {
-        return -199;
-    }
-}
 
 template <std::size_t N>
 affine<N> identity_affine() {
@@ -86,7 +51,6 @@ affine<N> identity_affine() {
     for (std::size_t i = 0; i < N; ++i) {
         for (std::size_t k = 0; k < N; ++k) f.M[i][k] = i == k ? 1.0 : 0.0;
         f.c[i] = 0.0;
-        f.t[i] = 0.0;
     }
     return f;
 }
@@ -236,31 +200,31 @@ int translate(dense2D<double>& pos, const vector_fixed<double, 3>& T, const dens
 
 int rotate(dense2D<double>& pos, const vector_fixed<double, 2>& center, double angle) noexcept {
     if (pos.empty() || angle == 0.0) return 0;
-    return apply_all<2>(pos, rotation2(center, angle));
+    return run_all<2>(pos, rotation2(center, angle));
 }
 int rotate(dense2D<double>& pos, const vector_fixed<double, 2>& center, double angle,
            const dense1D<unsigned>& nodes) noexcept {
     if (pos.empty() || angle == 0.0) return 0;
-    return apply_list<2>(pos, rotation2(center, angle), nodes.data(), nodes.size());
+    return run_list<2>(pos, rotation2(center, angle), nodes.data(), nodes.size());
 }
 int rotate(dense2D<double>& pos, const vector_fixed<double, 2>& center, double angle,
            const dense2D<unsigned>& connectM) noexcept {
     if (pos.empty() || angle == 0.0) return 0;
-    return apply_matrix<2>(pos, rotation2(center, angle), connectM);
+    return run_matrix<2>(pos, rotation2(center, angle), connectM);
 }
 int rotate(dense2D<double>& pos, const vector_fixed<double, 3>& center, const vector_fixed<double, 3>& R) noexcept {
     if (pos.empty() || is_zero(R)) return 0;
-    return apply_all<3>(pos, rotation3(center, R));
+    return run_all<3>(pos, rotation3(center, R));
 }
 int rotate(dense2D<double>& pos, const vector_fixed<double, 3>& center, const vector_fixed<double, 3>& R,
            const dense1D<unsigned>& nodes) noexcept {
     if (pos.empty() || is_zero(R)) return 0;
-    return apply_list<3>(pos, rotation3(center, R), nodes.data(), nodes.size());
+    return run_list<3>(pos, rotation3(center, R), nodes.data(), nodes.size());
 }
 int rotate(dense2D<double>& pos, const vector_fixed<double, 3>& center, const vector_fixed<double, 3>& R,
            const dense2D<unsigned>& connectM) noexcept {
     if (pos.empty() || is_zero(R)) return 0;
-    return apply_matrix<3>(pos, rotation3(center, R), connectM);
+    return run_matrix<3>(pos, rotation3(center, R), connectM);
 }
 
 // ---------------------------------------------------------------------------

@@ -164,6 +164,47 @@ TEST(DetectorQueries, FindClosestMatchesBruteForceAndTieOrder) {
             }
 }
 
+TEST(DetectorQueries, IncrementalInsertionsMatchTheDocumentedTree) {
+    // A bulk build followed by one-by-one insertions of small and large batches.
+    for (unsigned dim : {2u, 3u}) {
+        SCOPED_TRACE(dim);
+        const unsigned n = 400;
+        const dense2D<double> pos = random_cloud(dim, n, true, 21);
+        std::vector<unsigned> first, second, third;
+        for (unsigned i = 0; i < n; ++i) (i < 100 ? first : (i < 130 ? second : third)).push_back(i);
+        second.push_back(5);  // already present
+        node_detector d(pos, list_of(first));
+        EXPECT_EQ(d.insert(list_of(second)), 30u);
+        EXPECT_EQ(d.insert(list_of(third)), 270u);
+        nodara_ref::tree<2> ref2(pos);
+        nodara_ref::tree<3> ref3(pos);
+        for (const auto* l : {&first, &second, &third}) {
+            if (dim == 2)
+                ref2.insert(*l);
+            else
+                ref3.insert(*l);
+        }
+        EXPECT_EQ(d.size(), dim == 2 ? ref2.slots.size() : ref3.slots.size());
+        node_detector copy(d);
+        std::mt19937_64 gen(3);
+        std::uniform_real_distribution<double> u(-1.0, 7.0);
+        for (int q = 0; q < 300; ++q) {
+            double P[3] = {std::floor(u(gen) * 2) / 2, std::floor(u(gen) * 2) / 2, dim == 3 ? u(gen) : 0.0};
+            const unsigned want = dim == 2 ? ref2.closest(P) : ref3.closest(P);
+            const unsigned got = dim == 2 ? d.find_closest(vector_fixed<double, 2>{P[0], P[1]})
+                                          : d.find_closest(vector_fixed<double, 3>{P[0], P[1], P[2]});
+            EXPECT_EQ(got, want);
+            EXPECT_EQ(dim == 2 ? copy.find_closest(vector_fixed<double, 2>{P[0], P[1]})
+                               : copy.find_closest(vector_fixed<double, 3>{P[0], P[1], P[2]}),
+                      want);
+        }
+        for (unsigned v = 0; v < n; v += 7) {
+            const double P[3] = {pos(0, v), pos(1, v), dim == 3 ? pos(2, v) : 0.0};
+            EXPECT_EQ(d.find_closest(v), dim == 2 ? ref2.closest(P, v) : ref3.closest(P, v));
+        }
+    }
+}
+
 TEST(DetectorQueries, FindInBoxMatchesBruteForceInWalkOrder) {
     for (unsigned dim : {2u, 3u})
         for (bool grid : {true, false})
@@ -310,6 +351,55 @@ TEST(DetectorFaults, ReinitReportsAndLeavesTheDetectorEmpty) {
         },
         [&](unsigned s) { EXPECT_EQ(s, 0u); }, ignored);
     EXPECT_EQ(ignored, 40u);
+}
+
+TEST(DetectorFaults, InsertAndQueriesUnderFailureStayConsistent) {
+    NODARA_REQUIRE_FAULT_INJECTION();
+    const dense2D<double> pos = random_cloud(2, 120, true, 4);
+    std::vector<unsigned> first, rest;
+    for (unsigned i = 0; i < 120; ++i) (i < 20 ? first : rest).push_back(i);
+    node_detector d;
+    unsigned added = 0;
+    const dense1D<unsigned> rest_list = list_of(rest);
+    nodara_test::for_each_allocation_failure(
+        [&] { ASSERT_EQ(d.reinit(pos, list_of(first)), 0); }, [&] { return d.insert(rest_list); },
+        [&](unsigned r) {
+            EXPECT_LE(r, 100u);
+            // Whatever went in is searchable: every answer is a real nearest node.
+            const unsigned got = d.find_closest(vector_fixed<double, 2>{3., 3.});
+            EXPECT_LT(got, 120u);
+        },
+        added);
+    EXPECT_EQ(added, 100u);
+    // Into an empty tree the nodes go in bulk; a failure there falls back to the
+    // one-by-one insertion.  Queries stay within what went in.
+    node_detector e;
+    unsigned bulk = 0;
+    nodara_test::for_each_allocation_failure(
+        [&] { ASSERT_EQ(e.reinit(pos, dense1D<unsigned>()), 0); }, [&] { return e.insert(rest_list); },
+        [&](unsigned r) {
+            EXPECT_LE(r, 100u);
+            EXPECT_LE(e.size(), 100u);
+            const unsigned got = e.find_closest(vector_fixed<double, 2>{3., 3.});
+            EXPECT_TRUE(got == zq5::NULL_INDEX || (got >= 20u && got < 120u));
+        },
+        bulk);
+    EXPECT_EQ(bulk, 100u);
+    nodara_ref::tree<2> ref(pos);
+    ref.insert(first);
+    ref.insert(rest);
+    const double P[2] = {2.5, 3.5};
+    EXPECT_EQ(d.find_closest(vector_fixed<double, 2>{2.5, 3.5}), ref.closest(P));
+    dense1D<unsigned> found;
+    std::size_t count = 0;
+    nodara_test::for_each_allocation_failure(
+        [&] { found = dense1D<unsigned>(); },
+        [&] {
+            d.find_in_box(vector_fixed<double, 2>{0., 0.}, vector_fixed<double, 2>{6., 6.}, found);
+            return found.size();
+        },
+        [&](std::size_t n) { EXPECT_LT(n, 120u); }, count);
+    EXPECT_EQ(count, 120u);
 }
 
 }  // namespace

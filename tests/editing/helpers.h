@@ -36,9 +36,10 @@ inline std::vector<double> vec_of(const dense2D<double>& m) {
 }
 
 /// A cloud of n nodes in `dim` dimensions: with grid = true the coordinates are
-/// small integers (many equal distances and coincident nodes), otherwise random
-/// reals with about a quarter of the nodes repeating an earlier node exactly.
-inline dense2D<double> random_cloud(unsigned dim, unsigned n, bool grid, std::uint64_t seed) {
+/// small integers times `step` (many equal or nearly equal distances, coincident
+/// nodes), otherwise random reals with about a quarter of the nodes repeating an
+/// earlier node exactly.
+inline dense2D<double> random_cloud(unsigned dim, unsigned n, bool grid, std::uint64_t seed, double step = 1.0) {
     std::mt19937_64 gen(seed);
     std::uniform_real_distribution<double> real(-1.0, 1.0);
     std::uniform_int_distribution<int> small(0, 6);
@@ -49,7 +50,7 @@ inline dense2D<double> random_cloud(unsigned dim, unsigned n, bool grid, std::ui
             for (unsigned k = 0; k < dim; ++k) pos(k, j) = pos(k, src);
             continue;
         }
-        for (unsigned k = 0; k < dim; ++k) pos(k, j) = grid ? small(gen) : real(gen);
+        for (unsigned k = 0; k < dim; ++k) pos(k, j) = grid ? small(gen) * step : real(gen);
     }
     return pos;
 }

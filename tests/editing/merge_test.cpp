@@ -247,6 +247,7 @@ struct cloud_case {
     unsigned dim;
     bool grid;
     double tol;
+    double step = 1.0;
 };
 
 // Integer grids give many equal distances (ties between distinct nodes) for
@@ -256,6 +257,8 @@ const cloud_case kCases[] = {
     {2, true, 0.0},  {3, true, 0.0},  {2, false, 0.0},  {3, false, 0.0}, {2, true, 0.5},  {3, true, 0.25},
     {2, true, 1.0},  {3, true, 1.0},  {2, true, 1.5},   {3, true, 2.0},  {2, false, 0.05}, {3, false, 0.1},
     {2, false, 1e-9}, {3, false, 0.3},
+    // Decimal grids: distances equal on paper differ in the last bits.
+    {2, true, 0.1, 0.1}, {3, true, 0.1, 0.1}, {3, true, 0.15, 0.1}, {2, true, 0.3, 0.1},
 };
 
 TEST(MergeReference, NodeListFormsMatchTheDocumentedPasses) {
@@ -264,7 +267,7 @@ TEST(MergeReference, NodeListFormsMatchTheDocumentedPasses) {
             SCOPED_TRACE(testing::Message() << "dim " << c.dim << " grid " << c.grid << " tol " << c.tol << " seed "
                                             << seed);
             const unsigned n = 150 + static_cast<unsigned>(seed) * 20;
-            const dense2D<double> pos = random_cloud(c.dim, n, c.grid, seed);
+            const dense2D<double> pos = random_cloud(c.dim, n, c.grid, seed, c.step);
             // Lists with repeats and NULL_INDEX, in a random order.
             std::mt19937_64 gen(seed * 77);
             std::vector<unsigned> l1, l2;
@@ -306,7 +309,7 @@ TEST(MergeReference, ConnectivityModesMatchTheDocumentedPasses) {
                 SCOPED_TRACE(testing::Message() << "dim " << c.dim << " grid " << c.grid << " tol " << c.tol
                                                 << " mode " << mode << " seed " << seed);
                 const unsigned n = 120;
-                const dense2D<double> pos = random_cloud(c.dim, n, c.grid, seed + 100);
+                const dense2D<double> pos = random_cloud(c.dim, n, c.grid, seed + 100, c.step);
                 dense2D<unsigned> m1 = random_connectivity(3, 60, n, seed), m2 = random_connectivity(4, 30, n, seed + 9);
                 m2(3, 0) = zq5::NULL_INDEX;
                 std::vector<dense2D<unsigned>> ref_ms(2);
