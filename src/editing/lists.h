@@ -21,6 +21,8 @@ using zq5::detail::vec;
 /// Appends to `out` the distinct entries of the matrices of [first, last) (columns
 /// walked with the leading dimension) in order of first appearance, leaving out
 /// NULL_INDEX and entries not below `limit`.  Throws std::bad_alloc.
+/// (unique_indices gives the same list but, by its contract, skips an append it
+/// cannot grow room for; the editing operations must report that as -199.)
 inline void unique_nodes(const dense2D<unsigned>* first, const dense2D<unsigned>* last, unsigned limit,
                          vec<unsigned>& out) {
     std::size_t count = 0;
