@@ -98,9 +98,154 @@ double facet_measure(const double* x0, const double* x1, const double* x2) noexc
     return m;
 }
 
-// Facets read so far and the smallest positive facet measure (+inf while none).
+// ---------------------------------------------------------------------------
+// Coincident vertices, grouped while the facets are read.
+
+std::uint64_t bits_of(float x) noexcept {
+    std::uint32_t u;
+    std::memcpy(&u, &x, sizeof u);
+    return u;
+}
+std::uint64_t bits_of(double x) noexcept {
+    std::uint64_t u;
+    std::memcpy(&u, &x, sizeof u);
+    return u;
+}
+
+// Hash of three coordinates; the high bits are the well mixed ones.
+std::uint64_t hash3(float a, float b, float c) noexcept {
+    const std::uint64_t h = (bits_of(a) | bits_of(b) << 32) ^ (bits_of(c) * 0xC2B2AE3D27D4EB4Full);
+    return (h ^ (h >> 29)) * 0x9E3779B97F4A7C15ull;
+}
+std::uint64_t hash3(double a, double b, double c) noexcept {
+    std::uint64_t h = (bits_of(a) ^ (bits_of(b) * 0xC2B2AE3D27D4EB4Full)) * 0x9E3779B97F4A7C15ull;
+    h = (h ^ (h >> 29) ^ (bits_of(c) * 0x165667B19E3779F9ull)) * 0xBF58476D1CE4E5B9ull;
+    return h ^ (h >> 32);
+}
+
+template <class T>
+bool finite3(const T* x) noexcept {
+    return std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]);
+}
+
+// Gives every vertex the node of the first vertex with the same coordinates, the
+// nodes numbered in the order of their first vertex.  -0.0 and 0.0 coincide; a
+// vertex with a coordinate that is not finite coincides with nothing (its distance
+// to anything is NaN or infinite).  T is float for binary files, double for ASCII
+// ones.  The table holds the coordinates next to the node, so a lookup touches one
+// place in memory.  Throws std::bad_alloc.
+template <class T>
+class vertex_nodes {
+public:
+    // A vertex whose coordinates differ in their bits from its node's (signed zeros).
+    struct odd_vertex {
+        unsigned vertex;
+        T x[3];
+    };
+
+    // Sized for a surface of `facets` facets (about one node per two facets).
+    void reserve(std::size_t facets) {
+        std::size_t size = 1024;
+        while (size < facets) size *= 2;
+        rehash(size);
+    }
+
+    // The nodes of the m vertices x[0..2], x[3..5], ... numbered from `vertex` on,
+    // into node[0], node[1], ...  The table slots are fetched a few vertices ahead.
+    void nodes_of(const T* x, std::size_t m, std::size_t vertex, unsigned* node) {
+        if (table_.empty()) rehash(1024);
+        constexpr std::size_t kBatch = 256, kAhead = 16;
+        std::uint64_t hash[kBatch];
+        for (std::size_t first = 0; first < m; first += kBatch) {
+            const std::size_t b = m - first < kBatch ? m - first : kBatch;
+            const T* y = x + 3 * first;
+            for (std::size_t i = 0; i < b; ++i) hash[i] = hash3(key(y[3 * i]), key(y[3 * i + 1]), key(y[3 * i + 2]));
+            for (std::size_t i = 0; i < b && i < kAhead; ++i) prefetch(hash[i]);
+            for (std::size_t i = 0; i < b; ++i) {
+                if (i + kAhead < b) prefetch(hash[i + kAhead]);
+                node[first + i] = node_of(y + 3 * i, hash[i], vertex + first + i);
+            }
+        }
+    }
+
+    std::size_t nodes() const noexcept { return coords_.size() / 3; }
+    const T* coords(unsigned node) const noexcept { return coords_.data() + 3 * static_cast<std::size_t>(node); }
+    const zq5::detail::vec<odd_vertex>& odd() const noexcept { return odd_; }
+
+private:
+    struct slot {
+        T key[3];
+        unsigned node;  // NULL_INDEX: empty
+    };
+
+    static T key(T x) noexcept { return x == T(0) ? T(0) : x; }  // -0.0 as 0.0
+    void prefetch(std::uint64_t hash) const noexcept {
+        __builtin_prefetch(table_.data() + static_cast<std::size_t>(hash >> shift_));
+    }
+    unsigned node_of(const T* x, std::uint64_t hash, std::size_t vertex) {
+        if (!finite3(x)) return append(x);
+        const T k[3] = {key(x[0]), key(x[1]), key(x[2])};
+        std::size_t i = static_cast<std::size_t>(hash >> shift_);
+        for (;;) {
+            const slot& s = table_[i];
+            if (s.node == NULL_INDEX) break;
+            if (s.key[0] == k[0] && s.key[1] == k[1] && s.key[2] == k[2]) {
+                if (x[0] == T(0) || x[1] == T(0) || x[2] == T(0)) note_sign(x, s.node, vertex);
+                return s.node;
+            }
+            i = (i + 1) & mask_;
+        }
+        if (nodes() + 1 > limit_) {
+            rehash(2 * table_.size());
+            i = static_cast<std::size_t>(hash >> shift_);
+            while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
+        }
+        const unsigned node = append(x);
+        table_[i] = slot{{k[0], k[1], k[2]}, node};
+        return node;
+    }
+
+    unsigned append(const T* x) {
+        const unsigned node = static_cast<unsigned>(nodes());
+        coords_.insert(coords_.end(), x, x + 3);
+        return node;
+    }
+    void note_sign(const T* x, unsigned node, std::size_t vertex) {
+        const T* y = coords(node);
+        for (int r = 0; r < 3; ++r)
+            if (std::signbit(x[r]) != std::signbit(y[r])) {
+                odd_.push_back(odd_vertex{static_cast<unsigned>(vertex), {x[0], x[1], x[2]}});
+                return;
+            }
+    }
+    void rehash(std::size_t size) {
+        zq5::detail::vec<slot> old(size, slot{{T(0), T(0), T(0)}, NULL_INDEX});
+        old.swap(table_);
+        mask_ = size - 1;
+        shift_ = 64;
+        for (std::size_t s = size; s > 1; s /= 2) --shift_;
+        limit_ = size / 10 * 6;  // load factor 0.6
+        for (const slot& s : old) {
+            if (s.node == NULL_INDEX) continue;
+            std::size_t i = static_cast<std::size_t>(hash3(s.key[0], s.key[1], s.key[2]) >> shift_);
+            while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
+            table_[i] = s;
+        }
+    }
+
+    zq5::detail::vec<slot> table_;
+    std::size_t mask_ = 0, limit_ = 0;
+    unsigned shift_ = 64;
+    zq5::detail::vec<T> coords_;  // 3 per node, the bits of its first vertex
+    zq5::detail::vec<odd_vertex> odd_;
+};
+
+// Facets read so far (each vertex as its node) and the smallest positive facet
+// measure (+inf while none).
+template <class T>
 struct facets {
-    dense2D<double> pos;  // 3 x 3 * count
+    vertex_nodes<T> nodes;
+    dense2D<unsigned> connect;  // 3 x count
     std::size_t count = 0;
     double min_measure = std::numeric_limits<double>::infinity();
 
@@ -108,12 +253,19 @@ struct facets {
     // Node indices are 32-bit: at most (2^32 - 2) / 3 facets.
     bool grow(std::size_t more) noexcept {
         if (more > (NULL_INDEX - 1) / 3 - count) return false;
-        return pos.resize(3, 3 * (count + more));
+        return connect.resize(3, count + more);
     }
-    void add_measure() noexcept {
-        const double* x = pos.col(3 * (count - 1));
-        const double m = facet_measure(x, x + 3, x + 6);
-        if (m > 0.0 && m < min_measure) min_measure = m;
+    // Adds the m facets of vertices v[0..2], v[3..5], v[6..8], then v[9..11] ...
+    // (room made by grow).  Throws std::bad_alloc.
+    void add(const T* v, std::size_t m) {
+        for (std::size_t j = 0; j < m; ++j) {
+            double x[9];
+            for (int k = 0; k < 9; ++k) x[k] = static_cast<double>(v[9 * j + k]);
+            const double h = facet_measure(x, x + 3, x + 6);
+            if (h > 0.0 && h < min_measure) min_measure = h;
+        }
+        nodes.nodes_of(v, 3 * m, 3 * count, connect.col(count));
+        count += m;
     }
 };
 
@@ -139,7 +291,7 @@ bool read_normal(const char* line, double out[3]) noexcept {
 }
 
 // 0, -2 (no "solid" on the first line), -3 (malformed), -199.
-int read_ascii(FILE* f, facets& out) noexcept {
+int read_ascii(FILE* f, facets<double>& out) noexcept {
     detail::line_reader reader(f);
     char line[detail::line_reader::kLine];
     std::size_t length = reader.next(line);
@@ -168,11 +320,11 @@ int read_ascii(FILE* f, facets& out) noexcept {
         if (!next() || !contains(line, "endloop")) return -3;
         if (!next() || !contains(line, "endfacet")) return -3;
         if (!out.grow(1)) return kNoMemory;
-        double* x = out.pos.col(3 * out.count);
-        for (int k = 0; k < 3; ++k)
-            for (int r = 0; r < 3; ++r) x[3 * k + r] = v[k][r];
-        ++out.count;
-        out.add_measure();
+        try {
+            out.add(&v[0][0], 1);
+        } catch (const std::bad_alloc&) {
+            return kNoMemory;
+        }
     }
 }
 
@@ -183,16 +335,16 @@ std::uint32_t le32(const unsigned char* b) noexcept {
     return static_cast<std::uint32_t>(b[0]) | static_cast<std::uint32_t>(b[1]) << 8 |
            static_cast<std::uint32_t>(b[2]) << 16 | static_cast<std::uint32_t>(b[3]) << 24;
 }
-double le_float(const unsigned char* b) noexcept {
+float le_float(const unsigned char* b) noexcept {
     const std::uint32_t u = le32(b);
     float x;
     std::memcpy(&x, &u, sizeof x);
-    return static_cast<double>(x);
+    return x;
 }
 
 // 0, -2 (short header or a stream of unknown size), -3 (short count or facets),
 // -199.
-int read_binary(FILE* f, facets& out) noexcept {
+int read_binary(FILE* f, facets<float>& out) noexcept {
     unsigned char head[kHeaderBytes + 4];
     if (std::fread(head, 1, kHeaderBytes, f) != kHeaderBytes) return -2;
     if (std::fread(head + kHeaderBytes, 1, 4, f) != 4) return -3;
@@ -209,23 +361,24 @@ int read_binary(FILE* f, facets& out) noexcept {
     if (!out.grow(count)) return kNoMemory;
     constexpr std::size_t kChunk = 4096;  // facets per read
     zq5::detail::vec<unsigned char> buffer;
+    zq5::detail::vec<float> vertices;
     try {
         buffer.resize(kChunk * kFacetBytes);
+        vertices.resize(kChunk * 9);
+        out.nodes.reserve(count);
+        std::size_t done = 0;
+        while (done < count) {
+            const std::size_t n = count - done < kChunk ? count - done : kChunk;
+            if (std::fread(buffer.data(), kFacetBytes, n, f) != n) return -3;
+            for (std::size_t i = 0; i < n; ++i) {
+                const unsigned char* b = buffer.data() + i * kFacetBytes + 12;  // past the normal
+                for (int k = 0; k < 9; ++k) vertices[9 * i + k] = le_float(b + 4 * k);
+            }
+            out.add(vertices.data(), n);
+            done += n;
+        }
     } catch (const std::bad_alloc&) {
         return kNoMemory;
-    }
-    std::size_t done = 0;
-    while (done < count) {
-        const std::size_t n = count - done < kChunk ? count - done : kChunk;
-        if (std::fread(buffer.data(), kFacetBytes, n, f) != n) return -3;
-        for (std::size_t i = 0; i < n; ++i) {
-            const unsigned char* b = buffer.data() + i * kFacetBytes + 12;  // past the normal
-            double* x = out.pos.col(3 * out.count);
-            for (int k = 0; k < 9; ++k) x[k] = le_float(b + 4 * k);
-            ++out.count;
-            out.add_measure();
-        }
-        done += n;
     }
     return 0;
 }
@@ -403,16 +556,15 @@ proximity find_near_nodes(const dense2D<double>& pos, const dense2D<unsigned>& c
     return proximity::only_coincident;
 }
 
-// Builds the facet connectivity, merges the vertices and cleans the mesh.
+// Builds the facet connectivity of the n facets of `pos` (vertices 3j, 3j+1,
+// 3j+2), merges the vertices and cleans the mesh, as the public operations do.
 // 0 or a negative status.
-int share_nodes(facets& in, dense2D<unsigned>& connectM) noexcept {
-    const std::size_t n = in.count;
+int merge_facets(dense2D<double>& pos, std::size_t n, double h2, dense2D<unsigned>& connectM) noexcept {
     if (!connectM.resize(3, n)) return kNoMemory;
     for (std::size_t j = 0; j < n; ++j) {
         unsigned* c = connectM.col(j);
         for (unsigned k = 0; k < 3; ++k) c[k] = static_cast<unsigned>(3 * j + k);
     }
-    const double h2 = in.min_measure;
     if (!(h2 > 0.0) || !std::isfinite(h2)) return 0;
 
     // Exactly coincident vertices, block by block (a cheap first reduction); then
@@ -426,10 +578,10 @@ int share_nodes(facets& in, dense2D<unsigned>& connectM) noexcept {
         for (std::size_t first = 0; first < n; first += kMergeBlock) {
             const std::size_t cols = n - first < kMergeBlock ? n - first : kMergeBlock;
             dense2D<unsigned> block = connectM.sub_matrix(0, first, 3, cols);
-            merge_coincident(in.pos, block);
+            merge_coincident(pos, block);
         }
         zq5::detail::vec<unsigned> first;
-        near = find_near_nodes(in.pos, connectM, tol, first);
+        near = find_near_nodes(pos, connectM, tol, first);
         if (near == proximity::only_coincident)
             for (std::size_t j = 0; j < n; ++j)
                 for (std::size_t k = 0; k < 3; ++k) connectM(k, j) = first[connectM(k, j)];
@@ -438,13 +590,179 @@ int share_nodes(facets& in, dense2D<unsigned>& connectM) noexcept {
     }
     int r = 0;
     if (near == proximity::near_pairs) {
-        r = merge(in.pos, connectM, tol, 0u);
+        r = merge(pos, connectM, tol, 0u);
         if (r < 0) return r;
     }
     r = remove_degenerated(connectM, false);
     if (r < 0) return r;
-    r = simplify(in.pos, connectM, 0u);
+    r = simplify(pos, connectM, 0u);
     if (r < 0) return r;
+    // Merging leaves most of the storage unused: keep an exact copy.
+    if (pos.capacity() > 2 * pos.entries()) {
+        dense2D<double> tight;
+        if (!tight.copy(pos)) return kNoMemory;
+        pos = tight;
+    }
+    return 0;
+}
+
+// True when two nodes (finite ones) lie within `tol` of each other, or a little
+// beyond (a relative 1e-6, so rounding can only send a mesh to the full merge,
+// never spare it one), and when the coordinates are too large for the grid.  The
+// nodes are distinct positions, so any such pair would merge under the tolerance.
+// The search is a hash grid of cells 8 tol wide, filled in node order; a node is
+// compared with the nodes already in its cell and, when it lies within tol of a
+// side, in the next cell along that axis.  Throws std::bad_alloc.
+template <class T>
+bool near_nodes(const vertex_nodes<T>& nodes, double tol) {
+    if (!(tol > 0.0)) return true;
+    const std::size_t m = nodes.nodes();
+    const double threshold = tol * tol * (1.0 + 1e-6);
+    const double width = 8.0 * tol;
+    const double reach = 0.125 * 1.01;  // tol as a fraction of the width, with room
+    constexpr double kLimit = 2.0e9;    // cell numbers must fit in 32 bits
+    struct cell {
+        std::int32_t k[3];
+        unsigned head;  // NULL_INDEX: empty slot
+    };
+    std::size_t size = 16;
+    while (size < 2 * m) size *= 2;
+    unsigned shift = 64;
+    for (std::size_t s = size; s > 1; s /= 2) --shift;
+    const std::size_t mask = size - 1;
+    zq5::detail::vec<cell> table(size, cell{{0, 0, 0}, NULL_INDEX});
+    zq5::detail::vec<unsigned> next(m, NULL_INDEX);  // next node of the same cell
+    auto slot_of = [&](const std::int32_t k[3]) {
+        const std::uint64_t a = static_cast<std::uint32_t>(k[0]) |
+                                static_cast<std::uint64_t>(static_cast<std::uint32_t>(k[1])) << 32;
+        std::uint64_t h = a ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(k[2])) * 0xC2B2AE3D27D4EB4Full);
+        h = (h ^ (h >> 29)) * 0x9E3779B97F4A7C15ull;
+        std::size_t slot = static_cast<std::size_t>(h >> shift);
+        while (table[slot].head != NULL_INDEX) {
+            const cell& c = table[slot];
+            if (c.k[0] == k[0] && c.k[1] == k[1] && c.k[2] == k[2]) break;
+            slot = (slot + 1) & mask;
+        }
+        return slot;
+    };
+    for (std::size_t v = 0; v < m; ++v) {
+        const T* p = nodes.coords(static_cast<unsigned>(v));
+        if (!finite3(p)) continue;
+        const double x[3] = {static_cast<double>(p[0]), static_cast<double>(p[1]), static_cast<double>(p[2])};
+        std::int32_t k[3];
+        int lo[3], hi[3];
+        for (int r = 0; r < 3; ++r) {
+            const double q = x[r] / width;
+            if (!(std::fabs(q) < kLimit)) return true;
+            const double fl = std::floor(q);
+            const double f = q - fl;
+            k[r] = static_cast<std::int32_t>(fl);
+            const double slack = reach + 1e-9 + std::fabs(q) * 1e-15;
+            lo[r] = f < slack ? -1 : 0;
+            hi[r] = 1.0 - f < slack ? 1 : 0;
+        }
+        std::size_t own = 0;
+        for (int dx = lo[0]; dx <= hi[0]; ++dx)
+            for (int dy = lo[1]; dy <= hi[1]; ++dy)
+                for (int dz = lo[2]; dz <= hi[2]; ++dz) {
+                    const std::int32_t q[3] = {k[0] + dx, k[1] + dy, k[2] + dz};
+                    const std::size_t slot = slot_of(q);
+                    if (dx == 0 && dy == 0 && dz == 0) own = slot;
+                    for (unsigned u = table[slot].head; u != NULL_INDEX; u = next[u]) {
+                        const T* y = nodes.coords(u);
+                        const double d0 = x[0] - static_cast<double>(y[0]), d1 = x[1] - static_cast<double>(y[1]),
+                                     d2 = x[2] - static_cast<double>(y[2]);
+                        if (d0 * d0 + d1 * d1 + d2 * d2 <= threshold) return true;
+                    }
+                }
+        cell& c = table[own];
+        if (c.head == NULL_INDEX) c = cell{{k[0], k[1], k[2]}, NULL_INDEX};
+        next[v] = c.head;
+        c.head = static_cast<unsigned>(v);
+    }
+    return false;
+}
+
+// The facets as read, one vertex per column with the bits it was read with.
+template <class T>
+bool facet_vertices(const facets<T>& in, dense2D<double>& pos) noexcept {
+    if (!pos.resize(3, 3 * in.count)) return false;
+    for (std::size_t j = 0; j < in.count; ++j)
+        for (std::size_t k = 0; k < 3; ++k) {
+            const T* y = in.nodes.coords(in.connect(k, j));
+            double* x = pos.col(3 * j + k);
+            for (int r = 0; r < 3; ++r) x[r] = static_cast<double>(y[r]);
+        }
+    for (const auto& odd : in.nodes.odd())
+        for (int r = 0; r < 3; ++r) pos(r, odd.vertex) = static_cast<double>(odd.x[r]);
+    return true;
+}
+
+// The mesh with shared nodes: the vertices merged within the tolerance set by the
+// smallest facet measure, degenerate facets removed, unused nodes dropped.  When no
+// two distinct positions lie within the tolerance, that is the grouping of
+// coincident vertices made while reading (each vertex onto the first vertex with
+// its coordinates); otherwise the facets go through the merge operations.
+// 0 or a negative status.
+template <class T>
+int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM) noexcept {
+    const std::size_t n = in.count;
+    const double h2 = in.min_measure;
+    bool near = true;
+    if (h2 > 0.0 && std::isfinite(h2)) {
+        try {
+            near = near_nodes(in.nodes, kRelativeTolerance * std::sqrt(h2));
+        } catch (const std::bad_alloc&) {
+            return kNoMemory;
+        }
+    }
+    if (near) {
+        if (!facet_vertices(in, pos)) return kNoMemory;
+        in.connect.clear_hard();
+        return merge_facets(pos, n, h2, connectM);
+    }
+
+    // Degenerate facets (a node twice) go; the others move forward in order.
+    dense2D<unsigned>& c = in.connect;
+    std::size_t kept = 0;
+    for (std::size_t j = 0; j < n; ++j) {
+        const unsigned a = c(0, j), b = c(1, j), d = c(2, j);
+        if (a == b || b == d || a == d) continue;
+        if (kept != j) {
+            unsigned* to = c.col(kept);
+            to[0] = a, to[1] = b, to[2] = d;
+        }
+        ++kept;
+    }
+    c.resize(3, kept);  // same row count: never allocates
+    // Every node belongs to a facet; when facets went, the nodes left without one
+    // go too, the others keeping their order.
+    const std::size_t nodes = in.nodes.nodes();
+    zq5::detail::vec<unsigned> new_ids;
+    std::size_t used = nodes;
+    if (kept < n) {
+        try {
+            new_ids.assign(nodes, NULL_INDEX);
+        } catch (const std::bad_alloc&) {
+            return kNoMemory;
+        }
+        for (std::size_t j = 0; j < kept; ++j)
+            for (std::size_t k = 0; k < 3; ++k) new_ids[c(k, j)] = 0;
+        used = 0;
+        for (std::size_t v = 0; v < nodes; ++v)
+            if (new_ids[v] != NULL_INDEX) new_ids[v] = static_cast<unsigned>(used++);
+        for (std::size_t j = 0; j < kept; ++j)
+            for (std::size_t k = 0; k < 3; ++k) c(k, j) = new_ids[c(k, j)];
+    }
+    if (!pos.resize(3, used)) return kNoMemory;
+    for (std::size_t v = 0; v < nodes; ++v) {
+        const std::size_t to = new_ids.empty() ? v : new_ids[v];
+        if (to == NULL_INDEX) continue;
+        const T* y = in.nodes.coords(static_cast<unsigned>(v));
+        double* x = pos.col(to);
+        for (int r = 0; r < 3; ++r) x[r] = static_cast<double>(y[r]);
+    }
+    connectM = c;
     return 0;
 }
 
@@ -508,36 +826,39 @@ int STL_input(const char* filename, dense2D<double>& pos, dense2D<unsigned>& con
     pos.clear_hard();
     connectM.clear_hard();
 
-    facets mesh;
-    open_result why;
-    int status = -1;
-    if (FILE* f = open_for_reading(filename, "rt", why)) {
-        file_closer closer{f};
-        status = read_ascii(f, mesh);
-    } else if (why == open_result::directory) {
-        return -1;
-    }
-    if (status < 0 && status > kNoMemory + 1) {
-        // Not an ASCII file, or a malformed one: read it as binary.
-        mesh = facets();
-        FILE* f = open_for_reading(filename, "rb", why);
-        if (!f) return status;
-        file_closer closer{f};
-        status = read_binary(f, mesh);
-    }
-    if (status < 0) return status;
-
+    dense2D<double> nodes;
     dense2D<unsigned> connect;
-    status = share_nodes(mesh, connect);
-    if (status < 0) return status;
-    if (mesh.pos.rows() != 3) mesh.pos.resize(3, 0);
-    // Merging leaves most of the storage unused: hand back an exact copy.
-    if (mesh.pos.capacity() > 2 * mesh.pos.entries()) {
-        dense2D<double> tight;
-        if (!tight.copy(mesh.pos)) return kNoMemory;
-        mesh.pos = tight;
+    {
+        facets<double> text;
+        open_result why;
+        int status = -1;
+        if (FILE* f = open_for_reading(filename, "rt", why)) {
+            file_closer closer{f};
+            status = read_ascii(f, text);
+        } else if (why == open_result::directory) {
+            return -1;
+        }
+        if (status >= 0) {
+            status = share_nodes(text, nodes, connect);
+            if (status < 0) return status;
+        } else if (status > kNoMemory + 1) {
+            // Not an ASCII file, or a malformed one: read it as binary.
+            text = facets<double>();
+            facets<float> binary;
+            FILE* f = open_for_reading(filename, "rb", why);
+            if (!f) return status;
+            {
+                file_closer closer{f};
+                status = read_binary(f, binary);
+            }
+            if (status < 0) return status;
+            status = share_nodes(binary, nodes, connect);
+            if (status < 0) return status;
+        } else {
+            return status;
+        }
     }
-    pos = mesh.pos;
+    pos = nodes;
     connectM = connect;
     return 0;
 }
