@@ -15,6 +15,7 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <type_traits>
 
 namespace zq5 {
 namespace nodara {
@@ -101,31 +102,48 @@ double facet_measure(const double* x0, const double* x1, const double* x2) noexc
 // ---------------------------------------------------------------------------
 // Coincident vertices, grouped while the facets are read.
 
-std::uint64_t bits_of(float x) noexcept {
-    std::uint32_t u;
-    std::memcpy(&u, &x, sizeof u);
-    return u;
-}
-std::uint64_t bits_of(double x) noexcept {
-    std::uint64_t u;
-    std::memcpy(&u, &x, sizeof u);
-    return u;
-}
+// Table slots: three words of key (the bits of three coordinates, or of three
+// cell numbers) and a node (NULL_INDEX: empty).
+struct slot16 {
+    std::uint32_t key[3];
+    unsigned node;
+};
+struct slot32 {
+    std::uint64_t key[3];
+    unsigned node;
+};
 
-// Hash of three coordinates; the high bits are the well mixed ones.
-std::uint64_t hash3(float a, float b, float c) noexcept {
-    const std::uint64_t h = (bits_of(a) | bits_of(b) << 32) ^ (bits_of(c) * 0xC2B2AE3D27D4EB4Full);
+// The bits of a coordinate and what they say.
+template <class T>
+struct float_bits;
+template <>
+struct float_bits<float> {
+    using word = std::uint32_t;
+    using slot = slot16;
+    static constexpr word kSign = 0x80000000u, kExponent = 0x7F800000u;
+};
+template <>
+struct float_bits<double> {
+    using word = std::uint64_t;
+    using slot = slot32;
+    static constexpr word kSign = 0x8000000000000000ull, kExponent = 0x7FF0000000000000ull;
+};
+
+// Hash of three words; the high bits are the well mixed ones.
+std::uint64_t hash3(std::uint32_t a, std::uint32_t b, std::uint32_t c) noexcept {
+    const std::uint64_t h = (a | static_cast<std::uint64_t>(b) << 32) ^ (c * 0xC2B2AE3D27D4EB4Full);
     return (h ^ (h >> 29)) * 0x9E3779B97F4A7C15ull;
 }
-std::uint64_t hash3(double a, double b, double c) noexcept {
-    std::uint64_t h = (bits_of(a) ^ (bits_of(b) * 0xC2B2AE3D27D4EB4Full)) * 0x9E3779B97F4A7C15ull;
-    h = (h ^ (h >> 29) ^ (bits_of(c) * 0x165667B19E3779F9ull)) * 0xBF58476D1CE4E5B9ull;
+std::uint64_t hash3(std::uint64_t a, std::uint64_t b, std::uint64_t c) noexcept {
+    std::uint64_t h = (a ^ (b * 0xC2B2AE3D27D4EB4Full)) * 0x9E3779B97F4A7C15ull;
+    h = (h ^ (h >> 29) ^ (c * 0x165667B19E3779F9ull)) * 0xBF58476D1CE4E5B9ull;
     return h ^ (h >> 32);
 }
 
-template <class T>
-bool finite3(const T* x) noexcept {
-    return std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]);
+unsigned shift_for(std::size_t size) noexcept {  // 64 - log2(size)
+    unsigned shift = 64;
+    for (std::size_t s = size; s > 1; s /= 2) --shift;
+    return shift;
 }
 
 // Gives every vertex the node of the first vertex with the same coordinates, the
@@ -133,10 +151,14 @@ bool finite3(const T* x) noexcept {
 // vertex with a coordinate that is not finite coincides with nothing (its distance
 // to anything is NaN or infinite).  T is float for binary files, double for ASCII
 // ones.  The table holds the coordinates next to the node, so a lookup touches one
-// place in memory.  Throws std::bad_alloc.
+// place in memory; the nodes are kept as doubles, 3 x nodes, ready to be handed
+// out.  Throws std::bad_alloc.
 template <class T>
 class vertex_nodes {
 public:
+    using word = typename float_bits<T>::word;
+    using slot = typename float_bits<T>::slot;
+
     // A vertex whose coordinates differ in their bits from its node's (signed zeros).
     struct odd_vertex {
         unsigned vertex;
@@ -148,6 +170,7 @@ public:
         std::size_t size = 1024;
         while (size < facets) size *= 2;
         rehash(size);
+        if (!coords_.reserve(3, facets / 2 + 16)) throw std::bad_alloc();
     }
 
     // The nodes of the m vertices x[0..2], x[3..5], ... numbered from `vertex` on,
@@ -155,42 +178,50 @@ public:
     void nodes_of(const T* x, std::size_t m, std::size_t vertex, unsigned* node) {
         if (table_.empty()) rehash(1024);
         constexpr std::size_t kBatch = 256, kAhead = 16;
+        word key[kBatch][3];
         std::uint64_t hash[kBatch];
         for (std::size_t first = 0; first < m; first += kBatch) {
             const std::size_t b = m - first < kBatch ? m - first : kBatch;
             const T* y = x + 3 * first;
-            for (std::size_t i = 0; i < b; ++i) hash[i] = hash3(key(y[3 * i]), key(y[3 * i + 1]), key(y[3 * i + 2]));
+            for (std::size_t i = 0; i < b; ++i) {
+                for (int r = 0; r < 3; ++r) {
+                    word w;
+                    std::memcpy(&w, y + 3 * i + r, sizeof w);
+                    key[i][r] = w == float_bits<T>::kSign ? 0 : w;  // -0.0 as 0.0
+                }
+                hash[i] = hash3(key[i][0], key[i][1], key[i][2]);
+            }
             for (std::size_t i = 0; i < b && i < kAhead; ++i) prefetch(hash[i]);
             for (std::size_t i = 0; i < b; ++i) {
                 if (i + kAhead < b) prefetch(hash[i + kAhead]);
-                node[first + i] = node_of(y + 3 * i, hash[i], vertex + first + i);
+                node[first + i] = node_of(y + 3 * i, key[i], hash[i], vertex + first + i);
             }
         }
     }
 
-    std::size_t nodes() const noexcept { return coords_.size() / 3; }
-    const T* coords(unsigned node) const noexcept { return coords_.data() + 3 * static_cast<std::size_t>(node); }
+    std::size_t nodes() const noexcept { return coords_.cols(); }
+    const double* coords(unsigned node) const noexcept { return coords_.col(node); }
+    dense2D<double>& coordinates() noexcept { return coords_; }
     const zq5::detail::vec<odd_vertex>& odd() const noexcept { return odd_; }
+    // Hands the table's storage over (for the grid of the tolerance check).
+    void release_table(zq5::detail::vec<slot>& to) noexcept {
+        to.clear();
+        to.swap(table_);
+    }
 
 private:
-    struct slot {
-        T key[3];
-        unsigned node;  // NULL_INDEX: empty
-    };
-
-    static T key(T x) noexcept { return x == T(0) ? T(0) : x; }  // -0.0 as 0.0
     void prefetch(std::uint64_t hash) const noexcept {
         __builtin_prefetch(table_.data() + static_cast<std::size_t>(hash >> shift_));
     }
-    unsigned node_of(const T* x, std::uint64_t hash, std::size_t vertex) {
-        if (!finite3(x)) return append(x);
-        const T k[3] = {key(x[0]), key(x[1]), key(x[2])};
+    unsigned node_of(const T* x, const word* k, std::uint64_t hash, std::size_t vertex) {
+        constexpr word e = float_bits<T>::kExponent;
+        if ((k[0] & e) == e || (k[1] & e) == e || (k[2] & e) == e) return append(x);  // not finite
         std::size_t i = static_cast<std::size_t>(hash >> shift_);
         for (;;) {
             const slot& s = table_[i];
             if (s.node == NULL_INDEX) break;
             if (s.key[0] == k[0] && s.key[1] == k[1] && s.key[2] == k[2]) {
-                if (x[0] == T(0) || x[1] == T(0) || x[2] == T(0)) note_sign(x, s.node, vertex);
+                if ((k[0] == 0) | (k[1] == 0) | (k[2] == 0)) note_sign(x, s.node, vertex);
                 return s.node;
             }
             i = (i + 1) & mask_;
@@ -201,17 +232,20 @@ private:
             while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
         }
         const unsigned node = append(x);
-        table_[i] = slot{{k[0], k[1], k[2]}, node};
+        slot& s = table_[i];
+        for (int r = 0; r < 3; ++r) s.key[r] = k[r];
+        s.node = node;
         return node;
     }
-
     unsigned append(const T* x) {
-        const unsigned node = static_cast<unsigned>(nodes());
-        coords_.insert(coords_.end(), x, x + 3);
-        return node;
+        const std::size_t node = coords_.cols();
+        if (!coords_.resize(3, node + 1)) throw std::bad_alloc();
+        double* c = coords_.col(node);
+        for (int r = 0; r < 3; ++r) c[r] = static_cast<double>(x[r]);
+        return static_cast<unsigned>(node);
     }
     void note_sign(const T* x, unsigned node, std::size_t vertex) {
-        const T* y = coords(node);
+        const double* y = coords(node);
         for (int r = 0; r < 3; ++r)
             if (std::signbit(x[r]) != std::signbit(y[r])) {
                 odd_.push_back(odd_vertex{static_cast<unsigned>(vertex), {x[0], x[1], x[2]}});
@@ -219,11 +253,10 @@ private:
             }
     }
     void rehash(std::size_t size) {
-        zq5::detail::vec<slot> old(size, slot{{T(0), T(0), T(0)}, NULL_INDEX});
+        zq5::detail::vec<slot> old(size, slot{{0, 0, 0}, NULL_INDEX});
         old.swap(table_);
         mask_ = size - 1;
-        shift_ = 64;
-        for (std::size_t s = size; s > 1; s /= 2) --shift_;
+        shift_ = shift_for(size);
         limit_ = size / 10 * 6;  // load factor 0.6
         for (const slot& s : old) {
             if (s.node == NULL_INDEX) continue;
@@ -236,7 +269,7 @@ private:
     zq5::detail::vec<slot> table_;
     std::size_t mask_ = 0, limit_ = 0;
     unsigned shift_ = 64;
-    zq5::detail::vec<T> coords_;  // 3 per node, the bits of its first vertex
+    dense2D<double> coords_;  // 3 x nodes, the coordinates of each node's first vertex
     zq5::detail::vec<odd_vertex> odd_;
 };
 
@@ -614,41 +647,31 @@ int merge_facets(dense2D<double>& pos, std::size_t n, double h2, dense2D<unsigne
 // compared with the nodes already in its cell and, when it lies within tol of a
 // side, in the next cell along that axis.  Throws std::bad_alloc.
 template <class T>
-bool near_nodes(const vertex_nodes<T>& nodes, double tol) {
+bool near_nodes(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<slot16>& table) {
     if (!(tol > 0.0)) return true;
     const std::size_t m = nodes.nodes();
     const double threshold = tol * tol * (1.0 + 1e-6);
     const double width = 8.0 * tol;
     const double reach = 0.125 * 1.01;  // tol as a fraction of the width, with room
     constexpr double kLimit = 2.0e9;    // cell numbers must fit in 32 bits
-    struct cell {
-        std::int32_t k[3];
-        unsigned head;  // NULL_INDEX: empty slot
-    };
     std::size_t size = 16;
     while (size < 2 * m) size *= 2;
-    unsigned shift = 64;
-    for (std::size_t s = size; s > 1; s /= 2) --shift;
+    const unsigned shift = shift_for(size);
     const std::size_t mask = size - 1;
-    zq5::detail::vec<cell> table(size, cell{{0, 0, 0}, NULL_INDEX});
-    zq5::detail::vec<unsigned> next(m, NULL_INDEX);  // next node of the same cell
-    auto slot_of = [&](const std::int32_t k[3]) {
-        const std::uint64_t a = static_cast<std::uint32_t>(k[0]) |
-                                static_cast<std::uint64_t>(static_cast<std::uint32_t>(k[1])) << 32;
-        std::uint64_t h = a ^ (static_cast<std::uint64_t>(static_cast<std::uint32_t>(k[2])) * 0xC2B2AE3D27D4EB4Full);
-        h = (h ^ (h >> 29)) * 0x9E3779B97F4A7C15ull;
-        std::size_t slot = static_cast<std::size_t>(h >> shift);
-        while (table[slot].head != NULL_INDEX) {
-            const cell& c = table[slot];
-            if (c.k[0] == k[0] && c.k[1] == k[1] && c.k[2] == k[2]) break;
+    table.assign(size, slot16{{0, 0, 0}, NULL_INDEX});  // key: the cell, node: its last node
+    zq5::detail::vec<unsigned> next(m, NULL_INDEX);     // the node before, in the same cell
+    auto slot_of = [&](const std::uint32_t k[3]) {
+        std::size_t slot = static_cast<std::size_t>(hash3(k[0], k[1], k[2]) >> shift);
+        while (table[slot].node != NULL_INDEX) {
+            const slot16& c = table[slot];
+            if (c.key[0] == k[0] && c.key[1] == k[1] && c.key[2] == k[2]) break;
             slot = (slot + 1) & mask;
         }
         return slot;
     };
     for (std::size_t v = 0; v < m; ++v) {
-        const T* p = nodes.coords(static_cast<unsigned>(v));
-        if (!finite3(p)) continue;
-        const double x[3] = {static_cast<double>(p[0]), static_cast<double>(p[1]), static_cast<double>(p[2])};
+        const double* x = nodes.coords(static_cast<unsigned>(v));
+        if (!std::isfinite(x[0]) || !std::isfinite(x[1]) || !std::isfinite(x[2])) continue;
         std::int32_t k[3];
         int lo[3], hi[3];
         for (int r = 0; r < 3; ++r) {
@@ -665,20 +688,22 @@ bool near_nodes(const vertex_nodes<T>& nodes, double tol) {
         for (int dx = lo[0]; dx <= hi[0]; ++dx)
             for (int dy = lo[1]; dy <= hi[1]; ++dy)
                 for (int dz = lo[2]; dz <= hi[2]; ++dz) {
-                    const std::int32_t q[3] = {k[0] + dx, k[1] + dy, k[2] + dz};
+                    const std::uint32_t q[3] = {static_cast<std::uint32_t>(k[0] + dx),
+                                                static_cast<std::uint32_t>(k[1] + dy),
+                                                static_cast<std::uint32_t>(k[2] + dz)};
                     const std::size_t slot = slot_of(q);
                     if (dx == 0 && dy == 0 && dz == 0) own = slot;
-                    for (unsigned u = table[slot].head; u != NULL_INDEX; u = next[u]) {
-                        const T* y = nodes.coords(u);
-                        const double d0 = x[0] - static_cast<double>(y[0]), d1 = x[1] - static_cast<double>(y[1]),
-                                     d2 = x[2] - static_cast<double>(y[2]);
+                    for (unsigned u = table[slot].node; u != NULL_INDEX; u = next[u]) {
+                        const double* y = nodes.coords(u);
+                        const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
                         if (d0 * d0 + d1 * d1 + d2 * d2 <= threshold) return true;
                     }
                 }
-        cell& c = table[own];
-        if (c.head == NULL_INDEX) c = cell{{k[0], k[1], k[2]}, NULL_INDEX};
-        next[v] = c.head;
-        c.head = static_cast<unsigned>(v);
+        slot16& c = table[own];
+        if (c.node == NULL_INDEX)
+            for (int r = 0; r < 3; ++r) c.key[r] = static_cast<std::uint32_t>(k[r]);
+        next[v] = c.node;
+        c.node = static_cast<unsigned>(v);
     }
     return false;
 }
@@ -689,7 +714,7 @@ bool facet_vertices(const facets<T>& in, dense2D<double>& pos) noexcept {
     if (!pos.resize(3, 3 * in.count)) return false;
     for (std::size_t j = 0; j < in.count; ++j)
         for (std::size_t k = 0; k < 3; ++k) {
-            const T* y = in.nodes.coords(in.connect(k, j));
+            const double* y = in.nodes.coords(in.connect(k, j));
             double* x = pos.col(3 * j + k);
             for (int r = 0; r < 3; ++r) x[r] = static_cast<double>(y[r]);
         }
@@ -711,7 +736,9 @@ int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM
     bool near = true;
     if (h2 > 0.0 && std::isfinite(h2)) {
         try {
-            near = near_nodes(in.nodes, kRelativeTolerance * std::sqrt(h2));
+            zq5::detail::vec<slot16> table;
+            if constexpr (std::is_same<T, float>::value) in.nodes.release_table(table);
+            near = near_nodes(in.nodes, kRelativeTolerance * std::sqrt(h2), table);
         } catch (const std::bad_alloc&) {
             return kNoMemory;
         }
@@ -754,14 +781,25 @@ int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM
         for (std::size_t j = 0; j < kept; ++j)
             for (std::size_t k = 0; k < 3; ++k) c(k, j) = new_ids[c(k, j)];
     }
-    if (!pos.resize(3, used)) return kNoMemory;
-    for (std::size_t v = 0; v < nodes; ++v) {
-        const std::size_t to = new_ids.empty() ? v : new_ids[v];
-        if (to == NULL_INDEX) continue;
-        const T* y = in.nodes.coords(static_cast<unsigned>(v));
-        double* x = pos.col(to);
-        for (int r = 0; r < 3; ++r) x[r] = static_cast<double>(y[r]);
+    dense2D<double>& x = in.nodes.coordinates();
+    if (used < nodes) {
+        for (std::size_t v = 0; v < nodes; ++v) {
+            const unsigned to = new_ids[v];
+            if (to == NULL_INDEX || to == v) continue;
+            const double* from = x.col(v);
+            double* into = x.col(to);
+            for (int r = 0; r < 3; ++r) into[r] = from[r];
+        }
+        x.resize(3, used);  // same row count: never allocates
     }
+    // Hand out the nodes, in storage of about their size.
+    if (x.capacity() > 2 * x.entries() + 48) {
+        dense2D<double> tight;
+        if (!tight.copy(x)) return kNoMemory;
+        x = tight;
+    }
+    if (x.rows() != 3 && !x.resize(3, 0)) return kNoMemory;
+    pos = x;
     connectM = c;
     return 0;
 }
