@@ -660,8 +660,9 @@ bool near_nodes(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<slot1
     const std::size_t mask = size - 1;
     table.assign(size, slot16{{0, 0, 0}, NULL_INDEX});  // key: the cell, node: its last node
     zq5::detail::vec<unsigned> next(m, NULL_INDEX);     // the node before, in the same cell
-    auto slot_of = [&](const std::uint32_t k[3]) {
-        std::size_t slot = static_cast<std::size_t>(hash3(k[0], k[1], k[2]) >> shift);
+    // Slot of cell k (the empty slot where it would go when it holds no node).
+    auto slot_of = [&](const std::uint32_t k[3], std::uint64_t hash) {
+        std::size_t slot = static_cast<std::size_t>(hash >> shift);
         while (table[slot].node != NULL_INDEX) {
             const slot16& c = table[slot];
             if (c.key[0] == k[0] && c.key[1] == k[1] && c.key[2] == k[2]) break;
@@ -669,41 +670,72 @@ bool near_nodes(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<slot1
         }
         return slot;
     };
-    for (std::size_t v = 0; v < m; ++v) {
-        const double* x = nodes.coords(static_cast<unsigned>(v));
-        if (!std::isfinite(x[0]) || !std::isfinite(x[1]) || !std::isfinite(x[2])) continue;
-        std::int32_t k[3];
-        int lo[3], hi[3];
-        for (int r = 0; r < 3; ++r) {
-            const double q = x[r] / width;
-            if (!(std::fabs(q) < kLimit)) return true;
-            const double fl = std::floor(q);
-            const double f = q - fl;
-            k[r] = static_cast<std::int32_t>(fl);
-            const double slack = reach + 1e-9 + std::fabs(q) * 1e-15;
-            lo[r] = f < slack ? -1 : 0;
-            hi[r] = 1.0 - f < slack ? 1 : 0;
+    // Nodes go by batches: first the cells each node looks into (its own first),
+    // their slots fetched, then the comparisons.
+    constexpr std::size_t kBatch = 32;
+    struct look {
+        std::uint32_t k[3];
+        std::uint64_t hash;
+    };
+    look cells[kBatch * 8];
+    unsigned count[kBatch];
+    for (std::size_t first = 0; first < m; first += kBatch) {
+        const std::size_t b = m - first < kBatch ? m - first : kBatch;
+        for (std::size_t i = 0; i < b; ++i) {
+            count[i] = 0;
+            const double* x = nodes.coords(static_cast<unsigned>(first + i));
+            if (!std::isfinite(x[0]) || !std::isfinite(x[1]) || !std::isfinite(x[2])) continue;
+            std::int32_t k[3];
+            int lo[3], hi[3];
+            for (int r = 0; r < 3; ++r) {
+                const double q = x[r] / width;
+                if (!(std::fabs(q) < kLimit)) return true;
+                const double fl = std::floor(q);
+                const double f = q - fl;
+                k[r] = static_cast<std::int32_t>(fl);
+                const double slack = reach + 1e-9 + std::fabs(q) * 1e-15;
+                lo[r] = f < slack ? -1 : 0;
+                hi[r] = 1.0 - f < slack ? 1 : 0;
+            }
+            look* c = cells + 8 * i;
+            c[0] = look{{static_cast<std::uint32_t>(k[0]), static_cast<std::uint32_t>(k[1]),
+                         static_cast<std::uint32_t>(k[2])},
+                        0};
+            unsigned n = 1;
+            for (int dx = lo[0]; dx <= hi[0]; ++dx)
+                for (int dy = lo[1]; dy <= hi[1]; ++dy)
+                    for (int dz = lo[2]; dz <= hi[2]; ++dz)
+                        if (dx != 0 || dy != 0 || dz != 0)
+                            c[n++] = look{{static_cast<std::uint32_t>(k[0] + dx), static_cast<std::uint32_t>(k[1] + dy),
+                                           static_cast<std::uint32_t>(k[2] + dz)},
+                                          0};
+            for (unsigned j = 0; j < n; ++j) {
+                c[j].hash = hash3(c[j].k[0], c[j].k[1], c[j].k[2]);
+                __builtin_prefetch(table.data() + static_cast<std::size_t>(c[j].hash >> shift));
+            }
+            count[i] = n;
         }
-        std::size_t own = 0;
-        for (int dx = lo[0]; dx <= hi[0]; ++dx)
-            for (int dy = lo[1]; dy <= hi[1]; ++dy)
-                for (int dz = lo[2]; dz <= hi[2]; ++dz) {
-                    const std::uint32_t q[3] = {static_cast<std::uint32_t>(k[0] + dx),
-                                                static_cast<std::uint32_t>(k[1] + dy),
-                                                static_cast<std::uint32_t>(k[2] + dz)};
-                    const std::size_t slot = slot_of(q);
-                    if (dx == 0 && dy == 0 && dz == 0) own = slot;
-                    for (unsigned u = table[slot].node; u != NULL_INDEX; u = next[u]) {
-                        const double* y = nodes.coords(u);
-                        const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
-                        if (d0 * d0 + d1 * d1 + d2 * d2 <= threshold) return true;
-                    }
+        for (std::size_t i = 0; i < b; ++i) {
+            if (count[i] == 0) continue;
+            const unsigned v = static_cast<unsigned>(first + i);
+            const double* x = nodes.coords(v);
+            const look* c = cells + 8 * i;
+            std::size_t own = 0;
+            for (unsigned j = 0; j < count[i]; ++j) {
+                const std::size_t slot = slot_of(c[j].k, c[j].hash);
+                if (j == 0) own = slot;
+                for (unsigned u = table[slot].node; u != NULL_INDEX; u = next[u]) {
+                    const double* y = nodes.coords(u);
+                    const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
+                    if (d0 * d0 + d1 * d1 + d2 * d2 <= threshold) return true;
                 }
-        slot16& c = table[own];
-        if (c.node == NULL_INDEX)
-            for (int r = 0; r < 3; ++r) c.key[r] = static_cast<std::uint32_t>(k[r]);
-        next[v] = c.node;
-        c.node = static_cast<unsigned>(v);
+            }
+            slot16& o = table[own];
+            if (o.node == NULL_INDEX)
+                for (int r = 0; r < 3; ++r) o.key[r] = c[0].k[r];
+            next[v] = o.node;
+            o.node = v;
+        }
     }
     return false;
 }
