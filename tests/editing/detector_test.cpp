@@ -1,4 +1,3 @@
-#include "common/fault_injection.h"
 #include "editing/helpers.h"
 #include "editing/reference.h"
 
@@ -8,47 +7,41 @@
 
 #include <algorithm>
 #include <cfloat>
+#include <cmath>
 #include <limits>
 #include <random>
 #include <vector>
 
 using namespace zq5::nodara;
-using nodara_test::list_of;
-using nodara_test::random_cloud;
-using nodara_test::vec_of;
-using zq5::dense1D;
-using zq5::dense2D;
-using zq5::vector_fixed;
+using namespace nodara_test;
 
 namespace {
 
-double d2_to(const dense2D<double>& pos, unsigned v, const double* P, unsigned dim) {
+// The documented tree in the detector's dimension.
+struct oracle {
+    unsigned dim;
+    nodara_ref::tree<2> t2;
+    nodara_ref::tree<3> t3;
+    oracle(const dense2D<double>& pos, unsigned d) : dim(d), t2(pos), t3(pos) {}
+    unsigned insert(const std::vector<unsigned>& l) { return dim == 2 ? t2.insert(l) : t3.insert(l); }
+    std::size_t size() const { return dim == 2 ? t2.slots.size() : t3.slots.size(); }
+    unsigned closest(const double* P, unsigned x = NIL) const { return dim == 2 ? t2.closest(P, x) : t3.closest(P, x); }
+    std::vector<unsigned> box(const double* l, const double* h) const { return dim == 2 ? t2.box(l, h) : t3.box(l, h); }
+};
+
+unsigned closest(const node_detector& d, unsigned dim, const double* P) {
+    return dim == 2 ? d.find_closest(V2{P[0], P[1]}) : d.find_closest(V3{P[0], P[1], P[2]});
+}
+
+double d2_to(const dense2D<double>& pos, unsigned v, const double* P) {
     double s = 0.0;
-    for (unsigned k = 0; k < dim; ++k) {
-        const double d = P[k] - (k < pos.rows() ? pos(k, v) : 0.0);
-        s += d * d;
-    }
+    for (unsigned k = 0; k < pos.rows(); ++k) s += (P[k] - pos(k, v)) * (P[k] - pos(k, v));
     return s;
 }
 
-// ---------------------------------------------------------------------------
-// Building.
-
-TEST(DetectorBuild, EmptyDetectorAnswersNothing) {
-    node_detector d;
-    dense1D<unsigned> found = list_of({42});
-    EXPECT_EQ(d.size(), 0u);
-    EXPECT_EQ(d.find_closest(vector_fixed<double, 2>{0., 0.}), zq5::NULL_INDEX);
-    EXPECT_EQ(d.find_closest(vector_fixed<double, 3>{0., 0., 0.}), zq5::NULL_INDEX);
-    EXPECT_EQ(d.find_closest(0u), zq5::NULL_INDEX);
-    d.find_in_box(vector_fixed<double, 2>{-1., -1.}, vector_fixed<double, 2>{1., 1.}, found);
-    EXPECT_EQ(vec_of(found), (std::vector<unsigned>{42}));
-    EXPECT_EQ(d.insert(list_of({0, 1})), 0u);
-}
-
-TEST(DetectorBuild, ReinitStatuses) {
+TEST(DetectorBuild, StatusesAndTheEmptyDetector) {
     dense2D<double> pos(2, 4, {0., 0., 1., 0., 0., 1., 1., 1.}), pos4(4, 4, 0.0);
-    node_detector d(pos);
+    node_detector d(pos), fresh;
     EXPECT_EQ(d.size(), 4u);
     // Failed checks of the list forms keep the previous tree.
     EXPECT_EQ(d.reinit(pos4, list_of({0})), -1);
@@ -56,243 +49,160 @@ TEST(DetectorBuild, ReinitStatuses) {
     dense2D<unsigned> m[1] = {dense2D<unsigned>(2, 1, {0, 1})};
     EXPECT_EQ(d.reinit(pos, m + 1, m), -3);
     EXPECT_EQ(d.size(), 4u);
-    EXPECT_EQ(d.find_closest(vector_fixed<double, 2>{0.9, 0.9}), 3u);
-    EXPECT_EQ(d.reinit(pos, list_of({1, zq5::NULL_INDEX, 1})), 0);
+    EXPECT_EQ(d.find_closest(V2{0.9, 0.9}), 3u);
+    EXPECT_EQ(d.reinit(pos, list_of({1, NIL, 1})), 0);
     EXPECT_EQ(d.size(), 2u);  // the repeat keeps a freed slot
     EXPECT_EQ(d.reinit(pos, m[0]), 0);
     EXPECT_EQ(d.size(), 2u);
     // reinit(pos) clears first, even when it fails.
     EXPECT_EQ(d.reinit(pos4), -1);
-    EXPECT_EQ(d.size(), 0u);
-    EXPECT_EQ(d.find_closest(0u), zq5::NULL_INDEX);
+    for (node_detector* e : {&d, &fresh}) {
+        dense1D<unsigned> found = list_of({42});
+        EXPECT_EQ(e->size(), 0u);
+        EXPECT_EQ(e->find_closest(V2{0., 0.}), NIL);
+        EXPECT_EQ(e->find_closest(V3{0., 0., 0.}), NIL);
+        EXPECT_EQ(e->find_closest(0u), NIL);
+        e->find_in_box(V2{-1., -1.}, V2{1., 1.}, found);
+        EXPECT_EQ(vec_of(found), (uvec{42}));
+        EXPECT_EQ(e->insert(list_of({0, 1})), 0u);
+    }
 }
 
 TEST(DetectorBuild, RepeatedNodeIsCountedOnceAndItsSlotReused) {
     dense2D<double> pos(2, 5, {0., 0., 1., 0., 2., 0., 3., 0., 4., 0.});
     node_detector d(pos, list_of({0, 1}));
-    EXPECT_EQ(d.size(), 2u);
     EXPECT_EQ(d.insert(list_of({1})), 0u);
     EXPECT_EQ(d.size(), 3u);
     EXPECT_EQ(d.insert(list_of({2})), 1u);
     EXPECT_EQ(d.size(), 3u);
-    EXPECT_EQ(d.insert(list_of({3, 9, zq5::NULL_INDEX, 4})), 2u);
+    EXPECT_EQ(d.insert(list_of({3, 9, NIL, 4})), 2u);
     EXPECT_EQ(d.size(), 5u);
-    dense2D<unsigned> m(2, 1, {4, 0});
-    EXPECT_EQ(d.insert(m), 0u);
-}
-
-TEST(DetectorBuild, SizeMatchesTheOneByOneInsertion) {
-    const dense2D<double> pos = random_cloud(3, 80, true, 2);
-    std::mt19937 gen(4);
-    for (int trial = 0; trial < 20; ++trial) {
-        std::vector<unsigned> list;
-        for (int i = 0; i < 60; ++i) list.push_back(gen() % 90);  // repeats and out of range
-        nodara_ref::tree<3> ref(pos);
-        const unsigned added = ref.insert(list);
-        node_detector d;
-        ASSERT_EQ(d.reinit(pos, dense1D<unsigned>()), 0);
-        EXPECT_EQ(d.insert(list_of(list)), added);
-        EXPECT_EQ(d.size(), ref.slots.size());
-    }
+    EXPECT_EQ(d.insert(dense2D<unsigned>(2, 1, {4, 0})), 0u);
 }
 
 TEST(DetectorBuild, CopiesAreDeepAndIndependent) {
     dense2D<double> pos(3, 3, {0., 0., 0., 1., 0., 0., 2., 0., 0.});
     node_detector a(pos, list_of({0, 1}));
-    node_detector b(a);
+    node_detector b(a), c, empty;
     a.clear();
     EXPECT_EQ(b.size(), 2u);
-    EXPECT_EQ(b.find_closest(vector_fixed<double, 3>{1.9, 0., 0.}), 1u);
-    node_detector c;
     c = b;
     EXPECT_EQ(c.insert(list_of({2})), 1u);
-    EXPECT_EQ(b.find_closest(vector_fixed<double, 3>{1.9, 0., 0.}), 1u);
-    EXPECT_EQ(c.find_closest(vector_fixed<double, 3>{1.9, 0., 0.}), 2u);
+    EXPECT_EQ(b.find_closest(V3{1.9, 0., 0.}), 1u);
+    EXPECT_EQ(c.find_closest(V3{1.9, 0., 0.}), 2u);
     c = c;
     EXPECT_EQ(c.size(), 3u);
-    node_detector empty;
-    c = empty;  // assigning an empty detector leaves the target empty
+    c = empty;
     EXPECT_EQ(c.size(), 0u);
-    EXPECT_EQ(c.find_closest(0u), zq5::NULL_INDEX);
+    EXPECT_EQ(c.find_closest(0u), NIL);
 }
 
-// ---------------------------------------------------------------------------
-// Queries against brute force and against the documented tree.
-
-TEST(DetectorQueries, FindClosestMatchesBruteForceAndTieOrder) {
-    for (unsigned dim : {2u, 3u})
-        for (bool grid : {true, false})
-            for (std::uint64_t seed = 1; seed <= 4; ++seed) {
-                SCOPED_TRACE(testing::Message() << "dim " << dim << " grid " << grid << " seed " << seed);
-                const unsigned n = 300;
-                const dense2D<double> pos = random_cloud(dim, n, grid, seed);
-                node_detector d(pos);
-                std::vector<unsigned> all(n);
-                for (unsigned i = 0; i < n; ++i) all[i] = i;
-                nodara_ref::tree<3> ref3(pos);
-                nodara_ref::tree<2> ref2(pos);
-                if (dim == 3)
-                    ref3.insert(all);
-                else
-                    ref2.insert(all);
-                std::mt19937_64 gen(seed);
-                std::uniform_real_distribution<double> u(-1.5, 7.5);
-                for (int q = 0; q < 400; ++q) {
-                    double P[3] = {u(gen), u(gen), dim == 3 ? u(gen) : 0.0};
-                    if (grid && q % 2) {
-                        for (double& p : P) p = std::floor(p);
-                        if (dim == 2) P[2] = 0.0;
-                    }
-                    const unsigned got = dim == 3 ? d.find_closest(vector_fixed<double, 3>{P[0], P[1], P[2]})
-                                                  : d.find_closest(vector_fixed<double, 2>{P[0], P[1]});
-                    double best = DBL_MAX;
-                    for (unsigned v = 0; v < n; ++v) best = std::min(best, d2_to(pos, v, P, dim));
-                    ASSERT_NE(got, zq5::NULL_INDEX);
-                    EXPECT_EQ(d2_to(pos, got, P, dim), best);
-                    EXPECT_EQ(got, dim == 3 ? ref3.closest(P) : ref2.closest(P));
-                }
-                for (unsigned v = 0; v < n; v += 3) {
-                    const unsigned got = d.find_closest(v);
-                    double P[3] = {pos(0, v), pos(1, v), dim == 3 ? pos(2, v) : 0.0};
-                    double best = DBL_MAX;
-                    for (unsigned w = 0; w < n; ++w)
-                        if (w != v) best = std::min(best, d2_to(pos, w, P, dim));
-                    ASSERT_NE(got, v);
-                    EXPECT_EQ(d2_to(pos, got, P, dim), best);
-                    EXPECT_EQ(got, dim == 3 ? ref3.closest(P, v) : ref2.closest(P, v));
-                }
+// Bulk loads, incremental batches (with repeats and indices out of range) and
+// copies answer exactly as the documented tree: same nearest node among ties,
+// same box walk order; and the answers are right by brute force.
+TEST(DetectorQueries, MatchTheDocumentedTreeAndBruteForce) {
+    for (unsigned c = 0; c < 16; ++c) {
+        const unsigned dim = 2 + c / 8, n = 300, seed = c % 4 + 1;
+        const bool grid = c / 4 % 2;
+        SCOPED_TRACE(testing::Message() << "dim " << dim << " grid " << grid << " seed " << seed);
+        const dense2D<double> pos = random_cloud(dim, n, grid, seed);
+        std::mt19937_64 gen(seed);
+        oracle ref(pos, dim);
+        node_detector d;
+        std::vector<bool> in(n, seed == 1);
+        if (seed == 1) {
+            ASSERT_EQ(d.reinit(pos), 0);
+            ref.insert(iota(n));
+        } else {
+            ASSERT_EQ(d.reinit(pos, dense1D<unsigned>()), 0);
+            for (unsigned batch : {100u, 30u, 200u}) {
+                std::vector<unsigned> l;
+                for (unsigned i = 0; i < batch; ++i) l.push_back(static_cast<unsigned>(gen() % (n + 20)));
+                for (unsigned v : l)
+                    if (v < n) in[v] = true;
+                EXPECT_EQ(d.insert(list_of(l)), ref.insert(l));
             }
-}
-
-TEST(DetectorQueries, IncrementalInsertionsMatchTheDocumentedTree) {
-    // A bulk build followed by one-by-one insertions of small and large batches.
-    for (unsigned dim : {2u, 3u}) {
-        SCOPED_TRACE(dim);
-        const unsigned n = 400;
-        const dense2D<double> pos = random_cloud(dim, n, true, 21);
-        std::vector<unsigned> first, second, third;
-        for (unsigned i = 0; i < n; ++i) (i < 100 ? first : (i < 130 ? second : third)).push_back(i);
-        second.push_back(5);  // already present
-        node_detector d(pos, list_of(first));
-        EXPECT_EQ(d.insert(list_of(second)), 30u);
-        EXPECT_EQ(d.insert(list_of(third)), 270u);
-        nodara_ref::tree<2> ref2(pos);
-        nodara_ref::tree<3> ref3(pos);
-        for (const auto* l : {&first, &second, &third}) {
-            if (dim == 2)
-                ref2.insert(*l);
-            else
-                ref3.insert(*l);
         }
-        EXPECT_EQ(d.size(), dim == 2 ? ref2.slots.size() : ref3.slots.size());
-        node_detector copy(d);
-        std::mt19937_64 gen(3);
-        std::uniform_real_distribution<double> u(-1.0, 7.0);
+        EXPECT_EQ(d.size(), ref.size());
+        auto brute = [&](const double* P, unsigned ex) {
+            double best = DBL_MAX;
+            for (unsigned v = 0; v < n; ++v)
+                if (in[v] && v != ex) best = std::min(best, d2_to(pos, v, P));
+            return best;
+        };
+        const node_detector copy(d);
+        std::uniform_real_distribution<double> u(-1.5, 7.5);
         for (int q = 0; q < 300; ++q) {
-            double P[3] = {std::floor(u(gen) * 2) / 2, std::floor(u(gen) * 2) / 2, dim == 3 ? u(gen) : 0.0};
-            const unsigned want = dim == 2 ? ref2.closest(P) : ref3.closest(P);
-            const unsigned got = dim == 2 ? d.find_closest(vector_fixed<double, 2>{P[0], P[1]})
-                                          : d.find_closest(vector_fixed<double, 3>{P[0], P[1], P[2]});
-            EXPECT_EQ(got, want);
-            EXPECT_EQ(dim == 2 ? copy.find_closest(vector_fixed<double, 2>{P[0], P[1]})
-                               : copy.find_closest(vector_fixed<double, 3>{P[0], P[1], P[2]}),
-                      want);
+            double P[3] = {u(gen), u(gen), dim == 3 ? u(gen) : 0.0}, lo[3], hi[3];
+            if (grid && q % 3)  // on grid nodes, or half way between: ties
+                for (double& p : P) p = std::floor(p * (q % 3)) / (q % 3);
+            const unsigned got = closest(d, dim, P);
+            ASSERT_NE(got, NIL);
+            EXPECT_EQ(d2_to(pos, got, P), brute(P, NIL));
+            EXPECT_EQ(got, ref.closest(P));
+            EXPECT_EQ(closest(copy, dim, P), got);
+            for (unsigned k = 0; k < 3; ++k) {  // a point box every third query
+                lo[k] = P[k] - (q % 3 ? u(gen) / 2 : 0.0);
+                hi[k] = P[k] + (q % 3 ? u(gen) / 2 : 0.0);
+            }
+            dense1D<unsigned> found = list_of({7777});
+            if (dim == 2)
+                d.find_in_box(V2{lo[0], lo[1]}, V2{hi[0], hi[1]}, found);
+            else
+                d.find_in_box(V3{lo[0], lo[1], lo[2]}, V3{hi[0], hi[1], hi[2]}, found);
+            std::vector<unsigned> got_box = vec_of(found), inside;
+            ASSERT_EQ(got_box.front(), 7777u);  // appended to, not cleared
+            got_box.erase(got_box.begin());
+            EXPECT_EQ(got_box, ref.box(lo, hi));
+            for (unsigned v = 0; v < n; ++v) {
+                bool yes = in[v];
+                for (unsigned k = 0; k < dim; ++k) yes = yes && lo[k] <= pos(k, v) && pos(k, v) <= hi[k];
+                if (yes) inside.push_back(v);
+            }
+            std::sort(got_box.begin(), got_box.end());
+            EXPECT_EQ(got_box, inside);
         }
-        for (unsigned v = 0; v < n; v += 7) {
+        for (unsigned v = 0; v < n; v += 3) {  // v need not be in the tree
             const double P[3] = {pos(0, v), pos(1, v), dim == 3 ? pos(2, v) : 0.0};
-            EXPECT_EQ(d.find_closest(v), dim == 2 ? ref2.closest(P, v) : ref3.closest(P, v));
+            const unsigned got = d.find_closest(v);
+            ASSERT_NE(got, v);
+            EXPECT_EQ(d2_to(pos, got, P), brute(P, v));
+            EXPECT_EQ(got, ref.closest(P, v));
         }
     }
 }
 
-TEST(DetectorQueries, FindInBoxMatchesBruteForceInWalkOrder) {
-    for (unsigned dim : {2u, 3u})
-        for (bool grid : {true, false})
-            for (std::uint64_t seed = 1; seed <= 3; ++seed) {
-                SCOPED_TRACE(testing::Message() << "dim " << dim << " grid " << grid << " seed " << seed);
-                const unsigned n = 250;
-                const dense2D<double> pos = random_cloud(dim, n, grid, seed + 10);
-                std::vector<unsigned> list;
-                for (unsigned i = 0; i < n; i += 1 + (i % 3)) list.push_back(i);
-                node_detector d(pos, list_of(list));
-                nodara_ref::tree<2> ref2(pos);
-                nodara_ref::tree<3> ref3(pos);
-                if (dim == 3)
-                    ref3.insert(list);
-                else
-                    ref2.insert(list);
-                std::mt19937_64 gen(seed);
-                std::uniform_real_distribution<double> u(-1.5, 7.5);
-                for (int q = 0; q < 200; ++q) {
-                    double lo[3], hi[3];
-                    for (unsigned k = 0; k < 3; ++k) {
-                        lo[k] = u(gen);
-                        hi[k] = lo[k] + (q % 3 == 0 ? 0.0 : 2.0 * u(gen));
-                        if (grid) {
-                            lo[k] = std::floor(lo[k]);
-                            hi[k] = std::floor(hi[k]);
-                        }
-                    }
-                    dense1D<unsigned> found = list_of({7777});
-                    if (dim == 3)
-                        d.find_in_box(vector_fixed<double, 3>{lo[0], lo[1], lo[2]},
-                                      vector_fixed<double, 3>{hi[0], hi[1], hi[2]}, found);
-                    else
-                        d.find_in_box(vector_fixed<double, 2>{lo[0], lo[1]}, vector_fixed<double, 2>{hi[0], hi[1]},
-                                      found);
-                    std::vector<unsigned> got = vec_of(found);
-                    ASSERT_FALSE(got.empty());
-                    EXPECT_EQ(got.front(), 7777u);  // appended, not cleared
-                    got.erase(got.begin());
-                    EXPECT_EQ(got, dim == 3 ? ref3.box(lo, hi) : ref2.box(lo, hi));
-                    std::vector<unsigned> brute;
-                    for (unsigned v : list) {
-                        bool in = true;
-                        for (unsigned k = 0; k < dim; ++k)
-                            if (!(lo[k] <= pos(k, v) && pos(k, v) <= hi[k])) in = false;
-                        if (in) brute.push_back(v);
-                    }
-                    std::sort(got.begin(), got.end());
-                    EXPECT_EQ(got, brute);
-                }
-            }
-}
-
-TEST(DetectorQueries, CoincidentNodesAnswerDeterministically) {
+TEST(DetectorQueries, EdgeCases) {
+    // A lone node has no nearest other node; a node outside the detector has.
     dense2D<double> pos(2, 4, {1., 1., 1., 1., 1., 1., 5., 5.});
-    node_detector a(pos), b(pos);
-    const unsigned first = a.find_closest(vector_fixed<double, 2>{1., 1.});
-    EXPECT_LT(first, 3u);
-    EXPECT_EQ(b.find_closest(vector_fixed<double, 2>{1., 1.}), first);
-    nodara_ref::tree<2> ref(pos);
-    ref.insert({0, 1, 2, 3});
-    const double P[2] = {1., 1.};
-    EXPECT_EQ(first, ref.closest(P));
-    // The node itself is never its own nearest; a lone node has none.
-    const unsigned other = a.find_closest(first);
-    EXPECT_LT(other, 3u);
-    EXPECT_NE(other, first);
     node_detector lone(pos, list_of({3}));
-    EXPECT_EQ(lone.find_closest(3u), zq5::NULL_INDEX);
-    EXPECT_EQ(lone.find_closest(0u), 3u);  // node 0 is not in the detector
-    EXPECT_EQ(lone.find_closest(4u), zq5::NULL_INDEX);
-}
-
-TEST(DetectorQueries, MixedDimensions) {
+    EXPECT_EQ(lone.find_closest(3u), NIL);
+    EXPECT_EQ(lone.find_closest(0u), 3u);
+    EXPECT_EQ(lone.find_closest(4u), NIL);
+    // A 2-D query on a 3-D tree is taken at z = 0; a 3-D query on a 2-D tree ignores z.
     dense2D<double> pos3(3, 3, {0., 0., 0., 1., 1., 0., 1., 1., 1.});
     node_detector d3(pos3);
     dense1D<unsigned> found;
-    d3.find_in_box(vector_fixed<double, 2>{-5., -5.}, vector_fixed<double, 2>{5., 5.}, found);
-    std::vector<unsigned> got = vec_of(found);
+    d3.find_in_box(V2{-5., -5.}, V2{5., 5.}, found);
+    uvec got = vec_of(found);
     std::sort(got.begin(), got.end());
-    EXPECT_EQ(got, (std::vector<unsigned>{0, 1}));  // z exactly 0 only
-    EXPECT_EQ(d3.find_closest(vector_fixed<double, 2>{1., 1.}), 1u);
+    EXPECT_EQ(got, (uvec{0, 1}));
+    EXPECT_EQ(d3.find_closest(V2{1., 1.}), 1u);
     dense2D<double> pos2(2, 2, {0., 0., 3., 3.});
     node_detector d2(pos2);
-    EXPECT_EQ(d2.find_closest(vector_fixed<double, 3>{2.9, 2.9, -100.}), 1u);
+    EXPECT_EQ(d2.find_closest(V3{2.9, 2.9, -100.}), 1u);
     found = dense1D<unsigned>();
-    d2.find_in_box(vector_fixed<double, 3>{2., 2., 50.}, vector_fixed<double, 3>{4., 4., 60.}, found);
-    EXPECT_EQ(vec_of(found), (std::vector<unsigned>{1}));
+    d2.find_in_box(V3{2., 2., 50.}, V3{4., 4., 60.}, found);
+    EXPECT_EQ(vec_of(found), (uvec{1}));
+    // 3000 coincident nodes make a chain as deep as the node count.
+    dense2D<double> chain(2, 3001, 1.0);
+    chain(0, 3000) = 2.0;
+    node_detector deep(chain);
+    EXPECT_EQ(deep.size(), 3001u);
+    EXPECT_EQ(deep.find_closest(V2{2.1, 1.}), 3000u);
+    found = dense1D<unsigned>();
+    deep.find_in_box(V2{0., 0.}, V2{1.5, 1.5}, found);
+    EXPECT_EQ(found.size(), 3000u);
 }
 
 TEST(DetectorQueries, NonFiniteInputTerminates) {
@@ -300,105 +210,65 @@ TEST(DetectorQueries, NonFiniteInputTerminates) {
     dense2D<double> pos = random_cloud(3, 100, true, 9);
     for (unsigned j = 0; j < 100; j += 5) pos(j % 3, j) = nan;
     node_detector d(pos);
-    nodara_ref::tree<3> ref(pos);
-    std::vector<unsigned> all(100);
-    for (unsigned i = 0; i < 100; ++i) all[i] = i;
-    ref.insert(all);
+    oracle ref(pos, 3);
+    ref.insert(iota(100));
     for (unsigned v = 0; v < 100; ++v) {
         const double P[3] = {pos(0, v), pos(1, v), pos(2, v)};
         EXPECT_EQ(d.find_closest(v), ref.closest(P, v));
     }
-    EXPECT_EQ(d.find_closest(vector_fixed<double, 3>{nan, nan, nan}), ref.closest(std::vector<double>(3, nan).data()));
+    const double P[3] = {nan, nan, nan};
+    EXPECT_EQ(d.find_closest(V3{nan, nan, nan}), ref.closest(P));
 }
 
-TEST(DetectorQueries, DeepChainOfCoincidentNodes) {
-    // 3000 identical nodes make a chain as deep as the node count.
-    dense2D<double> pos(2, 3001, 1.0);
-    pos(0, 3000) = 2.0;
-    node_detector d(pos);
-    EXPECT_EQ(d.size(), 3001u);
-    EXPECT_EQ(d.find_closest(vector_fixed<double, 2>{2.1, 1.}), 3000u);
-    dense1D<unsigned> found;
-    d.find_in_box(vector_fixed<double, 2>{0., 0.}, vector_fixed<double, 2>{1.5, 1.5}, found);
-    EXPECT_EQ(found.size(), 3000u);
-}
-
-// ---------------------------------------------------------------------------
-// Allocation failure.
-
-TEST(DetectorFaults, ReinitReportsAndLeavesTheDetectorEmpty) {
+TEST(DetectorFaults, ReinitAndCopyReportOrLeaveEmpty) {
     NODARA_REQUIRE_FAULT_INJECTION();
     const dense2D<double> pos = random_cloud(3, 40, false, 1);
-    node_detector d;
-    int result = 0;
-    nodara_test::for_each_allocation_failure(
-        [&] { d.clear(); }, [&] { return d.reinit(pos); },
-        [&](int r) {
-            EXPECT_EQ(r, -199);
-            EXPECT_EQ(d.size(), 0u);
-        },
-        result);
-    EXPECT_EQ(result, 0);
+    node_detector d, c;
+    const int status =
+        expect_failures_report([&] { d.clear(); }, [&] { return d.reinit(pos); }, [&] { EXPECT_EQ(d.size(), 0u); });
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(d.size(), 40u);
-    // Copy and query under failure: no crash, no leak, either a copy or empty.
-    node_detector c;
-    unsigned ignored = 0;
-    nodara_test::for_each_allocation_failure(
-        [&] { c.clear(); },
-        [&] {
-            c = d;
-            return c.size();
-        },
-        [&](unsigned s) { EXPECT_EQ(s, 0u); }, ignored);
-    EXPECT_EQ(ignored, 40u);
+    // A copy under failure is either whole or empty.
+    unsigned copied = 0;
+    for_each_allocation_failure([&] { c.clear(); }, [&] { return (c = d).size(); },
+                                [&](unsigned s) { EXPECT_EQ(s, 0u); }, copied);
+    EXPECT_EQ(copied, 40u);
 }
 
-TEST(DetectorFaults, InsertAndQueriesUnderFailureStayConsistent) {
+TEST(DetectorFaults, InsertUnderFailureStaysSearchable) {
     NODARA_REQUIRE_FAULT_INJECTION();
     const dense2D<double> pos = random_cloud(2, 120, true, 4);
-    std::vector<unsigned> first, rest;
-    for (unsigned i = 0; i < 120; ++i) (i < 20 ? first : rest).push_back(i);
-    node_detector d;
-    unsigned added = 0;
+    const std::vector<unsigned> all = iota(120);
+    const std::vector<unsigned> first(all.begin(), all.begin() + 20), rest(all.begin() + 20, all.end());
     const dense1D<unsigned> rest_list = list_of(rest);
-    nodara_test::for_each_allocation_failure(
-        [&] { ASSERT_EQ(d.reinit(pos, list_of(first)), 0); }, [&] { return d.insert(rest_list); },
-        [&](unsigned r) {
-            EXPECT_LE(r, 100u);
-            // Whatever went in is searchable: every answer is a real nearest node.
-            const unsigned got = d.find_closest(vector_fixed<double, 2>{3., 3.});
-            EXPECT_LT(got, 120u);
-        },
-        added);
-    EXPECT_EQ(added, 100u);
-    // Into an empty tree the nodes go in bulk; a failure there falls back to the
-    // one-by-one insertion.  Queries stay within what went in.
-    node_detector e;
-    unsigned bulk = 0;
-    nodara_test::for_each_allocation_failure(
-        [&] { ASSERT_EQ(e.reinit(pos, dense1D<unsigned>()), 0); }, [&] { return e.insert(rest_list); },
-        [&](unsigned r) {
-            EXPECT_LE(r, 100u);
-            EXPECT_LE(e.size(), 100u);
-            const unsigned got = e.find_closest(vector_fixed<double, 2>{3., 3.});
-            EXPECT_TRUE(got == zq5::NULL_INDEX || (got >= 20u && got < 120u));
-        },
-        bulk);
-    EXPECT_EQ(bulk, 100u);
-    nodara_ref::tree<2> ref(pos);
-    ref.insert(first);
-    ref.insert(rest);
-    const double P[2] = {2.5, 3.5};
-    EXPECT_EQ(d.find_closest(vector_fixed<double, 2>{2.5, 3.5}), ref.closest(P));
+    // Into a non-empty tree one by one; into an empty tree in bulk, falling back
+    // to one by one on failure.  Whatever went in is searchable.
+    for (bool bulk : {false, true}) {
+        SCOPED_TRACE(bulk);
+        node_detector d;
+        unsigned added = 0;
+        for_each_allocation_failure(
+            [&] { ASSERT_EQ(d.reinit(pos, list_of(bulk ? std::vector<unsigned>() : first)), 0); },
+            [&] { return d.insert(rest_list); },
+            [&](unsigned r) {
+                EXPECT_LE(r, 100u);
+                EXPECT_LE(d.size(), bulk ? 100u : 120u);
+                const unsigned got = d.find_closest(V2{3., 3.});
+                EXPECT_TRUE(bulk ? got == NIL || (got >= 20u && got < 120u) : got < 120u);
+            },
+            added);
+        EXPECT_EQ(added, 100u);
+    }
+    // Box queries under failure append at most what is there.
+    node_detector d(pos);
     dense1D<unsigned> found;
     std::size_t count = 0;
-    nodara_test::for_each_allocation_failure(
-        [&] { found = dense1D<unsigned>(); },
-        [&] {
-            d.find_in_box(vector_fixed<double, 2>{0., 0.}, vector_fixed<double, 2>{6., 6.}, found);
-            return found.size();
-        },
-        [&](std::size_t n) { EXPECT_LT(n, 120u); }, count);
+    for_each_allocation_failure([&] { found = dense1D<unsigned>(); },
+                                [&] {
+                                    d.find_in_box(V2{0., 0.}, V2{6., 6.}, found);
+                                    return found.size();
+                                },
+                                [&](std::size_t k) { EXPECT_LT(k, 120u); }, count);
     EXPECT_EQ(count, 120u);
 }
 

@@ -2,7 +2,12 @@
 #ifndef NODARA_TESTS_EDITING_HELPERS_H
 #define NODARA_TESTS_EDITING_HELPERS_H
 
+#include "common/fault_injection.h"
+#include "common/meshes.h"
+
 #include <zq5/nodara.h>
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <random>
@@ -12,6 +17,11 @@ namespace nodara_test {
 
 using zq5::dense1D;
 using zq5::dense2D;
+using V2 = zq5::vector_fixed<double, 2>;
+using V3 = zq5::vector_fixed<double, 3>;
+using uvec = std::vector<unsigned>;
+using dvec = std::vector<double>;
+constexpr unsigned NIL = zq5::NULL_INDEX;
 
 inline dense1D<unsigned> list_of(const std::vector<unsigned>& v) {
     dense1D<unsigned> out(v.size());
@@ -19,20 +29,27 @@ inline dense1D<unsigned> list_of(const std::vector<unsigned>& v) {
     return out;
 }
 
+inline std::vector<unsigned> iota(unsigned n) {
+    std::vector<unsigned> v(n);
+    for (unsigned i = 0; i < n; ++i) v[i] = i;
+    return v;
+}
+
 inline std::vector<unsigned> vec_of(const dense1D<unsigned>& d) { return std::vector<unsigned>(d.begin(), d.end()); }
 
-inline std::vector<unsigned> vec_of(const dense2D<unsigned>& m) {
-    std::vector<unsigned> out;
+/// Column by column.
+template <class T>
+std::vector<T> vec_of(const dense2D<T>& m) {
+    std::vector<T> out;
     for (std::size_t j = 0; j < m.cols(); ++j)
         for (std::size_t i = 0; i < m.rows(); ++i) out.push_back(m(i, j));
     return out;
 }
 
-inline std::vector<double> vec_of(const dense2D<double>& m) {
-    std::vector<double> out;
-    for (std::size_t j = 0; j < m.cols(); ++j)
-        for (std::size_t i = 0; i < m.rows(); ++i) out.push_back(m(i, j));
-    return out;
+inline void expect_near(const dense2D<double>& m, const std::vector<double>& want, double eps) {
+    const std::vector<double> got = vec_of(m);
+    ASSERT_EQ(got.size(), want.size());
+    for (std::size_t i = 0; i < got.size(); ++i) EXPECT_NEAR(got[i], want[i], eps) << "entry " << i;
 }
 
 /// A cloud of n nodes in `dim` dimensions: with grid = true the coordinates are
@@ -45,12 +62,8 @@ inline dense2D<double> random_cloud(unsigned dim, unsigned n, bool grid, std::ui
     std::uniform_int_distribution<int> small(0, 6);
     dense2D<double> pos(dim, n);
     for (unsigned j = 0; j < n; ++j) {
-        if (!grid && j > 0 && gen() % 4 == 0) {
-            const unsigned src = static_cast<unsigned>(gen() % j);
-            for (unsigned k = 0; k < dim; ++k) pos(k, j) = pos(k, src);
-            continue;
-        }
-        for (unsigned k = 0; k < dim; ++k) pos(k, j) = grid ? small(gen) * step : real(gen);
+        const unsigned src = !grid && j > 0 && gen() % 4 == 0 ? static_cast<unsigned>(gen() % j) : j;
+        for (unsigned k = 0; k < dim; ++k) pos(k, j) = src != j ? pos(k, src) : grid ? small(gen) * step : real(gen);
     }
     return pos;
 }
@@ -62,6 +75,37 @@ inline dense2D<unsigned> random_connectivity(unsigned rows, unsigned cols, unsig
     for (unsigned j = 0; j < cols; ++j)
         for (unsigned i = 0; i < rows; ++i) m(i, j) = static_cast<unsigned>(gen() % nodes);
     return m;
+}
+
+/// The cube surface as a soup (every triangle with its own three nodes) and
+/// `extra` more nodes and columns left for the caller.
+inline mesh cube_soup(unsigned n, unsigned extra) {
+    const mesh cube = cube_surface(n);
+    const std::size_t nt = cube.connect.cols();
+    mesh soup{dense2D<double>(3, 3 * nt + extra), dense2D<unsigned>(3, nt + extra)};
+    for (std::size_t j = 0; j < nt; ++j)
+        for (unsigned i = 0; i < 3; ++i) {
+            for (unsigned k = 0; k < 3; ++k) soup.pos(k, 3 * j + i) = cube.pos(k, cube.connect(i, j));
+            soup.connect(i, j) = static_cast<unsigned>(3 * j + i);
+        }
+    return soup;
+}
+
+/// Runs call() with each of its allocations failing in turn: every failing run
+/// must return -199 and pass unchanged(); returns the result of the run that
+/// completes.
+template <class Setup, class Call, class Unchanged>
+int expect_failures_report(Setup setup, Call call, Unchanged unchanged) {
+    int result = 0;
+    const auto runs = for_each_allocation_failure(
+        setup, call,
+        [&](int r) {
+            EXPECT_EQ(r, -199);
+            unchanged();
+        },
+        result);
+    EXPECT_GT(runs, 0u);
+    return result;
 }
 
 }  // namespace nodara_test
