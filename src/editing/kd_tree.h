@@ -39,6 +39,17 @@ namespace detail {
 
 using zq5::detail::vec;
 
+/// Squared Euclidean distance between two points of N coordinates.
+template <unsigned N>
+inline double squared_distance(const double* a, const double* b) {
+    double d2 = 0.0;
+    for (unsigned k = 0; k < N; ++k) {
+        const double d = a[k] - b[k];
+        d2 += d * d;
+    }
+    return d2;
+}
+
 template <unsigned N>
 struct kd_slot {
     double x[N];
@@ -672,14 +683,7 @@ private:
         return d2;
     }
 
-    static double dist2(const double* P, const double* x) {
-        double d2 = 0.0;
-        for (unsigned k = 0; k < N; ++k) {
-            const double d = P[k] - x[k];
-            d2 += d * d;
-        }
-        return d2;
-    }
+    static double dist2(const double* P, const double* x) { return squared_distance<N>(P, x); }
 
     void fill(kd_slot<N>& sl, unsigned v) const {
         coords_of(v, sl.x);

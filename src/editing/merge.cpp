@@ -49,16 +49,6 @@ struct record {
 
 inline double coord(const dense2D<double>& pos, unsigned v, unsigned k) { return pos.col(v)[k]; }
 
-template <unsigned N>
-inline double dist2(const double* a, const double* b) {
-    double d2 = 0.0;
-    for (unsigned k = 0; k < N; ++k) {
-        const double d = a[k] - b[k];
-        d2 += d * d;
-    }
-    return d2;
-}
-
 // ---------------------------------------------------------------------------
 // A uniform grid of cells over a list of points (finite coordinates), each cell
 // holding its points in list order.  Cells are at least 2 tol wide, and as wide
@@ -554,7 +544,7 @@ void fill_by_walks(candidate_lists<N>& c, const dense2D<double>& pos, const vec<
         const unsigned rv = rank[v];
         tree.box(lo, hi, [&](unsigned u, unsigned slot) {
             if (u == v || !(rank[u] < rv)) return;
-            const double d = dist2<N>(x, tree.slots()[slot].x);
+            const double d = detail::squared_distance<N>(x, tree.slots()[slot].x);
             if (!(d <= c.tol2)) return;
             c.cand.push_back(u);
             c.d2.push_back(d);
@@ -609,7 +599,7 @@ bool fill_by_cells(candidate_lists<N>& c, const dense2D<double>& pos, const vec<
         grid.box(lo, hi, [&](unsigned p, const double* y) {
             const unsigned u = insertion[p];
             if (u == v || !(rank[u] < rv)) return true;
-            const double d2 = dist2<N>(x, y);
+            const double d2 = detail::squared_distance<N>(x, y);
             if (!(d2 <= tol2)) return true;
             c.cand.push_back(u);
             c.d2.push_back(d2);
@@ -813,7 +803,7 @@ long long collapse_n(const dense2D<double>& pos, const dense2D<unsigned>* first,
                                 break;
                             }
                         if (!in_column) return;
-                        const double d2 = dist2<N>(x, tree.slots()[slot].x);
+                        const double d2 = detail::squared_distance<N>(x, tree.slots()[slot].x);
                         if (d2 <= tol2) records.push_back(edge_record{d2, a, b});
                     });
                 }

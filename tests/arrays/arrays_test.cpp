@@ -3,6 +3,7 @@
 #include <zq5/arrays.h>
 
 #include "common/fault_injection.h"
+#include "common/values.h"
 
 #include <gtest/gtest.h>
 
@@ -23,7 +24,7 @@ using list = dense1D<unsigned>;
 using matrix = dense2D<unsigned>;
 using values = std::vector<unsigned>;
 
-values values_of(const list& a) { return values(a.begin(), a.end()); }
+using nodara_test::values_of;
 
 // 0, 1, ..., n-1 in a buffer of exactly n elements.
 list iota_list(unsigned n) {

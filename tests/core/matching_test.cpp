@@ -5,6 +5,7 @@
 #include <zq5/nodara.h>
 
 #include "common/fault_injection.h"
+#include "common/values.h"
 #include "core/index_hash.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +30,7 @@ constexpr unsigned N = NULL_INDEX;
 // Added to small indices to push them near 2^31, where the hash path is taken.
 constexpr unsigned kFar = 0x7FFF0000u;
 
-values values_of(const list& a) { return values(a.begin(), a.end()); }
+using nodara_test::values_of;
 values column(const matrix& m, std::size_t j) { return values(m.col(j), m.col(j) + m.rows()); }
 
 list make_list(const values& v) {

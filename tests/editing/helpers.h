@@ -4,6 +4,7 @@
 
 #include "common/fault_injection.h"
 #include "common/meshes.h"
+#include "common/values.h"
 
 #include <zq5/nodara.h>
 
@@ -35,7 +36,7 @@ inline std::vector<unsigned> iota(unsigned n) {
     return v;
 }
 
-inline std::vector<unsigned> vec_of(const dense1D<unsigned>& d) { return std::vector<unsigned>(d.begin(), d.end()); }
+inline std::vector<unsigned> vec_of(const dense1D<unsigned>& d) { return nodara_test::values_of(d); }
 
 /// Column by column.
 template <class T>

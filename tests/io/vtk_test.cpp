@@ -2,6 +2,7 @@
 // matrices, statuses in order, allocation failure.
 #include "common/fault_injection.h"
 #include "common/meshes.h"
+#include "common/values.h"
 #include "io/io_helpers.h"
 
 #include <zq5/nodara.h>
@@ -19,7 +20,7 @@ namespace {
 
 constexpr unsigned N = zq5::NULL_INDEX;
 
-std::vector<unsigned> values(const dense1D<unsigned>& v) { return std::vector<unsigned>(v.begin(), v.end()); }
+using nodara_test::values_of;
 
 // The text from "CELLS" to the end of the file.
 std::string cells_section(const std::string& file) { return file.substr(file.find("CELLS")); }
@@ -36,8 +37,8 @@ TEST(VtkConvert, EveryAcceptedKindAppendsItsCells) {
     dense1D<unsigned> cells, types;
     ASSERT_EQ(vtk_convert(tet10, EL_TETRA10, nbr_cells, cells, types), 0);
     EXPECT_EQ(nbr_cells, 2u);
-    EXPECT_EQ(values(types), (std::vector<unsigned>{10, 2}));
-    EXPECT_EQ(values(cells), (std::vector<unsigned>{4, 100, 101, 103, 102, 6, 104, 105, 106, 107, 108, 109}));
+    EXPECT_EQ(values_of(types), (std::vector<unsigned>{10, 2}));
+    EXPECT_EQ(values_of(cells), (std::vector<unsigned>{4, 100, 101, 103, 102, 6, 104, 105, 106, 107, 108, 109}));
 
     const struct {
         element_type type;
@@ -67,8 +68,8 @@ TEST(VtkConvert, EveryAcceptedKindAppendsItsCells) {
         types = dense1D<unsigned>{7};
         ASSERT_EQ(vtk_convert(m, k.type, nbr_cells, cells, types), 0);
         EXPECT_EQ(nbr_cells, 3 + expected_types.size() - 1);
-        EXPECT_EQ(values(cells), expected_cells);
-        EXPECT_EQ(values(types), expected_types);
+        EXPECT_EQ(values_of(cells), expected_cells);
+        EXPECT_EQ(values_of(types), expected_types);
     }
 }
 
