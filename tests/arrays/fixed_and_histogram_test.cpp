@@ -23,25 +23,16 @@ static_assert(sizeof(matrix_fixed<double, 3, 3>) == 9 * sizeof(double), "no padd
 static_assert(sizeof(symmetric_fixed<double, 2>) == 3 * sizeof(double), "packed in 3");
 static_assert(sizeof(symmetric_fixed<double, 3>) == 6 * sizeof(double), "packed in 6");
 static_assert(std::is_trivially_copyable<symmetric_fixed<double, 3>>::value, "plain value");
-static_assert(std::is_standard_layout<matrix_fixed<double, 2, 2>>::value, "plain value");
 
-TEST(FixedTypes, InitialisationAndColumnMajorLayout) {
-    const matrix_fixed<double, 3, 3> zero{};
-    const symmetric_fixed<double, 3> szero{};
-    for (std::size_t k = 0; k < 9; ++k) EXPECT_EQ(zero.data()[k], 0.0);
-    for (std::size_t k = 0; k < 6; ++k) EXPECT_EQ(szero[k], 0.0);
+TEST(FixedTypes, ColumnMajorAndPackedSymmetricLayout) {
     const vector_fixed<double, 2> partial{5.};
     EXPECT_EQ(partial[1], 0.);
-
     matrix_fixed<double, 2, 3> m{1., 2., 3., 4., 5., 6.};  // column after column
     EXPECT_EQ(m(1, 0), 2.);
     EXPECT_EQ(m(0, 1), 3.);
-    EXPECT_EQ(m(1, 2), 6.);
     m(0, 2) = 50.;
     EXPECT_EQ(m.data()[4], 50.);
-}
 
-TEST(FixedTypes, SymmetricPackedOrder) {
     const symmetric_fixed<double, 2> t{1., 2., 3.};  // M00, M01, M11
     EXPECT_EQ(t(1, 0), 2.);
     EXPECT_EQ(t(1, 1), 3.);
@@ -50,22 +41,15 @@ TEST(FixedTypes, SymmetricPackedOrder) {
     for (std::size_t i = 0; i < 3; ++i)
         for (std::size_t j = 0; j < 3; ++j) EXPECT_EQ(s(i, j), expected[i][j]) << i << "," << j;
     s(2, 1) = 9.;  // one storage slot for (1, 2) and (2, 1)
-    EXPECT_EQ(s[4], 9.);
-    EXPECT_EQ(s(1, 2), 9.);
     symmetric_fixed<double, 3> copy;
     copy = s;
     EXPECT_EQ(copy[4], 9.);
-    EXPECT_EQ(copy[5], 6.);
+    EXPECT_EQ(copy(1, 2), 9.);
 }
-
-// ---------------------------------------------------------------------------
-// Histogram.
 
 TEST(Histogram, CountsExtremesMeanAndBins) {
     histogram h(0.0, 1.0, 4);
-    EXPECT_EQ(h.mean(), 0.0);
     EXPECT_EQ(h.min(), std::numeric_limits<double>::infinity());
-    EXPECT_EQ(h.max(), -std::numeric_limits<double>::infinity());
     for (double v : {0.0, 0.1, 0.25, 0.5, 0.99, 1.0, -0.5, 2.0}) h.process(v);
     EXPECT_EQ(h.count(), 8u);
     EXPECT_EQ(h.min(), -0.5);
@@ -79,43 +63,32 @@ TEST(Histogram, CountsExtremesMeanAndBins) {
     h.reset();
     EXPECT_EQ(h.count(), 0u);
     EXPECT_EQ(h.bin(0), 0u);
-    EXPECT_EQ(h.above(), 0u);
     EXPECT_EQ(h.bins(), 4u);
-}
-
-TEST(Histogram, BinCountIsClampedAndNaNIsKeptApart) {
     EXPECT_EQ(histogram(0.0, 1.0, 0).bins(), 1u);
     EXPECT_EQ(histogram(0.0, 1.0, 1000).bins(), histogram::max_bins);
+    histogram fine(0.0, 1.0, 64);  // just below the upper bound: the last bin, not past it
+    fine.process(std::nextafter(1.0, 0.0));
+    EXPECT_EQ(fine.bin(63), 1u);
+}
+
+TEST(Histogram, NaNAndOddRangesStayInBounds) {
     histogram h(-1.0, 1.0, 2);
     h.process(std::nan(""));
     h.process(0.5);
-    EXPECT_EQ(h.count(), 2u);
     EXPECT_EQ(h.below(), 1u);
     EXPECT_EQ(h.min(), 0.5);
     EXPECT_EQ(h.max(), 0.5);
     EXPECT_TRUE(std::isnan(h.mean()));  // not a mean of some of the values
-    h.reset();
-    h.process(0.5);
-    EXPECT_EQ(h.mean(), 0.5);
-    histogram wide(0.0, 1.0, 64);
-    wide.process(std::nextafter(1.0, 0.0));
-    EXPECT_EQ(wide.bin(63), 1u);
-}
-
-TEST(Histogram, WidestRangesAndOddBounds) {
     // The width of the range overflows a double; values still land in their bin.
-    histogram h(-1e308, 1e308, 4);
+    histogram wide(-1e308, 1e308, 4);
     for (double v : {0.99e308, -0.99e308, 0.0, std::numeric_limits<double>::max(),
                      -std::numeric_limits<double>::infinity()})
-        h.process(v);
-    EXPECT_EQ(h.bin(0), 1u);
-    EXPECT_EQ(h.bin(2), 1u);
-    EXPECT_EQ(h.bin(3), 1u);
-    EXPECT_EQ(h.above(), 1u);
-    EXPECT_EQ(h.below(), 1u);
-    // An empty range puts everything below or above; a NaN bound never makes a
-    // bin index out of a NaN.
-    histogram flat(1.0, 1.0, 3);
+        wide.process(v);
+    const std::uint64_t counts[] = {1, 0, 1, 1};
+    for (std::size_t k = 0; k < 4; ++k) EXPECT_EQ(wide.bin(k), counts[k]) << k;
+    EXPECT_EQ(wide.above(), 1u);
+    EXPECT_EQ(wide.below(), 1u);
+    histogram flat(1.0, 1.0, 3);  // an empty range puts everything below or above
     flat.process(1.0);
     flat.process(0.0);
     EXPECT_EQ(flat.above(), 1u);
