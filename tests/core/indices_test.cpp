@@ -339,8 +339,7 @@ TEST(BoundingBox, NodeListAndConnectivityStatusesInOrder) {
 
 TEST(BoundingBox, ConnectivityFormUnderAllocationFailure) {
     NODARA_REQUIRE_FAULT_INJECTION();
-    // Node j at (j, -j); the extreme nodes come first, where the node list is
-    // created and first grown, so that a node skipped there shows in the box.
+    // Node j at (j, -j); the extreme nodes come first, where the node list grows.
     const unsigned n = 300;
     dense2D<double> pos(2, n);
     matrix connect(1, n);
