@@ -29,12 +29,10 @@ TEST(RemoveDegenerated, DropsRepeatsKeepsOrder) {
 }
 
 TEST(RemoveDegenerated, ViewsAndWideColumns) {
-    // A sub-matrix view (ld > rows) is compacted column by column.
     dense2D<unsigned> big(4, 3, {0, 1, 9, 9, 2, 2, 9, 9, 3, 4, 9, 9});
-    dense2D<unsigned> view = big.sub_matrix(0, 0, 2, 3);
+    dense2D<unsigned> view = big.sub_matrix(0, 0, 2, 3);  // ld > rows
     EXPECT_EQ(remove_degenerated(view, false), 1);
     EXPECT_EQ(vec_of(view), (uvec{0, 1, 3, 4}));
-    // More rows than the scratch on the stack.
     dense2D<unsigned> wide(100, 2);
     for (unsigned i = 0; i < 100; ++i) wide(i, 0) = wide(i, 1) = i;
     wide(99, 1) = 0;
@@ -71,24 +69,6 @@ TEST(Simplify, RemovesUnusedNodesAndRenumbers) {
     EXPECT_EQ(vec_of(p2), (dvec{1., 3.}));
 }
 
-TEST(CleanSequence, MergeThenCleanRebuildsASoup) {
-    // The reader's sequence: merge the soup, drop degenerate triangles, drop nodes;
-    // an extra facet has its three corners coincide.
-    mesh soup = cube_soup(2, 1);
-    const unsigned nt = static_cast<unsigned>(soup.connect.cols()) - 1, nodes = 6 * 4 + 2;
-    for (unsigned k = 0; k < 3; ++k) {
-        soup.pos(k, 3 * nt) = 0.5;
-        soup.connect(k, nt) = 3 * nt;
-    }
-    EXPECT_GT(merge(soup.pos, soup.connect, 0.0, 0), 0);
-    EXPECT_EQ(merge(soup.pos, soup.connect, 1e-9, 0), 0);  // idempotent
-    EXPECT_EQ(remove_degenerated(soup.connect, false), 1);
-    EXPECT_EQ(simplify(soup.pos, soup.connect, 0), static_cast<int>(3 * nt + 1 - nodes));
-    EXPECT_EQ(soup.pos.cols(), nodes);
-    EXPECT_EQ(soup.connect.cols(), nt);
-    EXPECT_EQ(count_unique_indices(soup.connect), static_cast<int>(nodes));
-}
-
 TEST(Clip, StatusesInOrder) {
     dense2D<double> pos(3, 2, 0.0);
     dense2D<unsigned> m(2, 1, {0, 1}), bad(2, 1, {0, 5}), out(3, 1, {0, 0, 0}), none;
@@ -100,13 +80,11 @@ TEST(Clip, StatusesInOrder) {
 }
 
 TEST(Clip, KeepsElementsStrictlyOnThePositiveSide) {
-    const mesh q = quad_mesh(4, 1);  // x from 0 to 4
+    const mesh q = quad_mesh(4, 1);  // x from 0 to 4: only the last cell is strictly beyond x = 2
     dense2D<unsigned> out(4, 1, {9, 9, 9, 9}), kept;
-    // Plane x = 2: only the cell from x = 3 to 4 lies strictly beyond it.
     EXPECT_EQ(clip(q.pos, q.connect, V3{2., 0., 0.}, V3{1., 0., 0.}, out), 0);
     EXPECT_EQ(vec_of(out), (uvec{9, 9, 9, 9, q.connect(0, 3), q.connect(1, 3), q.connect(2, 3), q.connect(3, 3)}));
-    // Mixed faces: only the nodes before NULL_INDEX are tested; the output may
-    // be the input itself.
+    // Mixed faces: only the nodes before NULL_INDEX count; the output may be the input.
     dense2D<double> pos(2, 4, {1., 0., 2., 0., 1., 1., -1., 0.});
     dense2D<unsigned> faces(4, 2, {0, 1, 2, NIL, 0, 1, 3, NIL});
     EXPECT_EQ(clip(pos, faces, V3{}, V3{1., 0., 0.}, kept), 0);

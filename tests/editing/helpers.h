@@ -53,10 +53,8 @@ inline void expect_near(const dense2D<double>& m, const std::vector<double>& wan
     for (std::size_t i = 0; i < got.size(); ++i) EXPECT_NEAR(got[i], want[i], eps) << "entry " << i;
 }
 
-/// A cloud of n nodes in `dim` dimensions: with grid = true the coordinates are
-/// small integers times `step` (many equal or nearly equal distances, coincident
-/// nodes), otherwise random reals with about a quarter of the nodes repeating an
-/// earlier node exactly.
+/// n nodes: small integers times `step` (grid: many ties), or random reals with about
+/// a quarter of the nodes repeating an earlier one exactly.
 inline dense2D<double> random_cloud(unsigned dim, unsigned n, bool grid, std::uint64_t seed, double step = 1.0) {
     std::mt19937_64 gen(seed);
     std::uniform_real_distribution<double> real(-1.0, 1.0);
@@ -78,23 +76,8 @@ inline dense2D<unsigned> random_connectivity(unsigned rows, unsigned cols, unsig
     return m;
 }
 
-/// The cube surface as a soup (every triangle with its own three nodes) and
-/// `extra` more nodes and columns left for the caller.
-inline mesh cube_soup(unsigned n, unsigned extra) {
-    const mesh cube = cube_surface(n);
-    const std::size_t nt = cube.connect.cols();
-    mesh soup{dense2D<double>(3, 3 * nt + extra), dense2D<unsigned>(3, nt + extra)};
-    for (std::size_t j = 0; j < nt; ++j)
-        for (unsigned i = 0; i < 3; ++i) {
-            for (unsigned k = 0; k < 3; ++k) soup.pos(k, 3 * j + i) = cube.pos(k, cube.connect(i, j));
-            soup.connect(i, j) = static_cast<unsigned>(3 * j + i);
-        }
-    return soup;
-}
-
-/// Runs call() with each of its allocations failing in turn: every failing run
-/// must return -199 and pass unchanged(); returns the result of the run that
-/// completes.
+/// Fails each allocation of call() in turn: every failing run returns -199 and passes
+/// unchanged(); returns the result of the run that completes.
 template <class Setup, class Call, class Unchanged>
 int expect_failures_report(Setup setup, Call call, Unchanged unchanged) {
     int result = 0;

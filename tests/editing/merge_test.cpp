@@ -35,9 +35,7 @@ const example kExamples[] = {
     {"a non-target merges onto any target", 2, {0., 0., 0., 0., 5., 5.}, {0}, {1, 2}, 0.0, 1, {1, 1, 2}},
     {"tol 0: -0 is 0, 1e-300 is not", 3, {0, 0, 0, 1e-300, 0, 0, 0, 0, 0, -0., 0, -0.}, {}, {}, 0.0, 2, {0, 1, 0, 0}},
     {"snap takes the survivor's coordinates", 2, {0., 0., .1, 0., 5., 5.}, {}, {}, 0.2, 1, {0, 0, 2}},
-    // Pass 1 merges the middle nodes (two records: +2) and blocks the third ones,
-    // whose nearest target merged first; pass 2 merges them and, applying two
-    // records, counts every merged node of the list again (+4).
+    // Pass 1 merges the middle nodes (+2); pass 2 the third ones, counting all four again.
     {"count over passes", 2, {0, 0, .3, 0, .75, 0, 10, 0, 10.3, 0, 10.75, 0}, {}, {}, 0.8, 6, {0, 0, 0, 3, 3, 3}},
 };
 
@@ -99,8 +97,7 @@ TEST(MergeExamples, ConnectivityForms) {
     EXPECT_EQ(vec_of(ids), (uvec{0, 1, 2}));
 }
 
-// Every status of every form, in the order the checks run; a failed call leaves
-// new_ids empty and the connectivities untouched.
+// The statuses of every form in check order; new_ids emptied, connectivities untouched.
 TEST(MergeStatus, InCheckOrder) {
     dense2D<double> pos(2, 3, 0.0), pos4(4, 3, 0.0), pos1(1, 3, 0.0), none(2, 0);
     const dense1D<unsigned> ok = list_of({0, 1, NIL}), bad = list_of({0, 3});
@@ -120,34 +117,26 @@ TEST(MergeStatus, InCheckOrder) {
         {"1: tol", [&] { return merge(pos, ok, ok, ids, -1.0); }, -4},
         {"1: NaN tol", [&] { return merge(pos, ok, ok, ids, kNaN); }, -4},
         {"1: empty list", [&] { return merge(pos, dense1D<unsigned>(), ok, ids, 0.0); }, 0},
-        {"2: rows", [&] { return merge(pos1, list_of({0}), ids, 0.0); }, -1},
         {"2: nodes", [&] { return merge(pos, list_of({5}), ids, 0.0); }, -2},
         {"2: tol", [&] { return merge(pos, list_of({0}), ids, -0.5); }, -3},
-        {"2: NaN tol", [&] { return merge(pos, list_of({0}), ids, kNaN); }, -3},
         {"3: empty pos", [&] { return merge(none, m, m + 2, ids, -1.0, 9); }, 0},
         {"3: empty range", [&] { return merge(pos4, m, m, ids, -1.0, 9); }, 0},
         {"3: rows", [&] { return merge(pos4, m + 2, m, ids, -1.0, 9); }, -1},
         {"3: reversed", [&] { return merge(pos, m + 2, m, ids, -1.0, 9); }, -3},
         {"3: tol", [&] { return merge(pos, m, m + 2, ids, -1.0, 9); }, -5},
-        {"3: NaN tol", [&] { return merge(pos, m, m + 2, ids, kNaN, 0); }, -5},
         {"3: mode", [&] { return merge(pos, m, m + 2, ids, 0.0, 3); }, -6},
-        {"4: tol", [&] { return merge(pos, m, m + 2, -1.0, 0); }, -5, false},
         {"4: mode", [&] { return merge(pos, m, m + 2, 0.0, 3); }, -6, false},
         {"5: rows", [&] { return merge(pos4, a, ids, -1.0, 9); }, -1},
         {"5: tol", [&] { return merge(pos, a, ids, -1.0, 9); }, -4},
-        {"5: NaN tol", [&] { return merge(pos, a, ids, kNaN, 9); }, -4},
         {"5: mode", [&] { return merge(pos, a, ids, 0.0, 3); }, -5},
-        {"6: tol", [&] { return merge(pos, a, -1.0, 0); }, -4, false},
         {"6: mode", [&] { return merge(pos, a, 0.0, 7); }, -5, false},
         {"7: rows", [&] { return merge(pos4, a, b, ids, 0.0, 0); }, -1},
         {"7: tol", [&] { return merge(pos, a, b, ids, -2.0, 0); }, -4},
         {"7: mode", [&] { return merge(pos, a, b, ids, 0.0, 3); }, -5},
-        {"8: tol", [&] { return merge(pos, a, b, -2.0, 0); }, -4, false},
         {"8: mode", [&] { return merge(pos, a, b, 0.0, 3); }, -5, false},
         {"9: empty pos", [&] { return merge(none, ids, -1.0); }, 0},
         {"9: rows", [&] { return merge(pos1, ids, -1.0); }, -1},
         {"9: tol", [&] { return merge(pos, ids, -1.0); }, -3},
-        {"9: NaN tol", [&] { return merge(pos, ids, kNaN); }, -3},
         {"10: tol", [&] { return merge(pos, -1.0); }, -3, false},
     };
     for (const auto& c : cases) {
@@ -169,21 +158,9 @@ TEST(MergeStatus, InCheckOrder) {
     EXPECT_EQ(vec_of(r[1]), (uvec{2}));
 }
 
-// ---------------------------------------------------------------------------
-// Equality with the documented passes on random clouds.
-
-struct cloud_case {
-    unsigned dim;
-    bool grid;
-    double tol;
-    double step = 1.0;
-};
-
-// Integer grids give many equal distances (ties between distinct nodes) for
-// tol >= 1 and only coincident neighbours for tol < 1; random reals give
-// coincident repeats and no other ties; on decimal grids distances equal on
-// paper differ in the last bits.
-const cloud_case kCases[] = {
+// Equality with the documented passes on random clouds.  Integer grids: ties for tol >= 1, only coincident nodes below; random reals: no ties
+// but coincident repeats; decimal grids: distances equal on paper differ in the last bits.
+const struct cloud_case { unsigned dim; bool grid; double tol; double step = 1.0; } kCases[] = {
     {2, true, 0.0},      {3, true, 0.0},       {2, false, 0.0},     {3, false, 0.0}, {2, true, 0.5},
     {3, true, 0.25},     {2, true, 1.0},       {3, true, 1.0},      {2, true, 1.5},  {3, true, 2.0},
     {2, false, 0.05},    {3, false, 0.1},      {2, false, 1e-9},    {3, false, 0.3}, {2, true, 0.1, 0.1},
@@ -215,8 +192,7 @@ TEST(MergeReference, NodeListAndSnapForms) {
             ASSERT_TRUE(snapped.copy(pos) && want.copy(pos));
             EXPECT_EQ(merge(snapped, ids, c.tol), ref_all.count);
             EXPECT_EQ(vec_of(ids), ref_all.new_ids);
-            // An entry may name a node merged in a last single-record pass: the
-            // coordinates are those of the node the entry names.
+            // The coordinates are those of the node the entry names (not always a survivor).
             for (unsigned i = 0; i < n; ++i)
                 for (unsigned k = 0; k < c.dim; ++k) want(k, i) = want(k, ref_all.new_ids[i]);
             EXPECT_EQ(vec_of(snapped), vec_of(want));
@@ -281,19 +257,14 @@ TEST(MergeFaults, EveryAllocationFailureReportsAndLeavesInputs) {
             SCOPED_TRACE(testing::Message() << "tol " << tol << " mode " << mode);
             dense2D<unsigned> m;
             dense1D<unsigned> ids;
-            const int result = expect_failures_report(
-                [&] {
-                    ASSERT_TRUE(m.copy(src));
-                    ids = list_of({7, 7, 7});
-                },
-                [&] { return merge(pos, m, ids, tol, mode); },
-                [&] {
-                    EXPECT_TRUE(ids.empty());
-                    if (mode == 0) {
-                        EXPECT_EQ(vec_of(m), vec_of(src));
-                    }
-                });
-            EXPECT_GT(result, 0);
+            const auto reset = [&] {
+                ASSERT_TRUE(m.copy(src));
+                ids = list_of({7, 7, 7});
+            };
+            const auto call = [&] { return merge(pos, m, ids, tol, mode); };
+            EXPECT_GT(expect_failures_report(reset, call, [&] {
+                EXPECT_TRUE(ids.empty() && (mode != 0 || vec_of(m) == vec_of(src)));
+            }), 0);
         }
     const dense2D<double> cloud = random_cloud(2, 50, true, 8);
     dense2D<double> work;

@@ -1,5 +1,4 @@
-// Boundary extraction: element boundaries, mesh skin, skin face identifiers and
-// the faces under a boundary mesh.
+// get_element_boundaries, get_mesh_boundaries, get_mesh_bounding_elements, get_elements_on_boundaries.
 #include "topology/helpers.h"
 
 #include "common/meshes.h"
@@ -15,13 +14,8 @@ const dense2D<unsigned> two_tri = M(3, {0, 1, 2, 1, 0, 3});
 const dense2D<unsigned> two_tri_nb = M(3, {X, X, 1, X, X, 0});
 
 TEST(GetElementBoundaries, LocalNumberingOfEveryKind) {
-    // Nodes 10.. to tell them from local numbers; mixed types go by column, or by
-    // rows when there are fewer.
-    const struct {
-        element_type t;
-        dense2D<unsigned> c;
-        uv expected;
-    } cases[] = {
+    // Nodes 10.. to tell them from local numbers; mixed types go by column, or by rows.
+    const struct { element_type t; dense2D<unsigned> c; uv expected; } cases[] = {
         {EL_EDGE2, seq(2, 10), {11, 10}},
         {EL_TRIA3, seq(3, 10), {11, 12, 12, 10, 10, 11}},
         {EL_QUAD4, seq(4, 10), {10, 11, 11, 12, 12, 13, 13, 10}},
@@ -46,12 +40,9 @@ TEST(GetElementBoundaries, LocalNumberingOfEveryKind) {
 
 TEST(GetElementBoundaries, AppendsBehindExistingColumnsWithTheGrowthRule) {
     dense2D<unsigned> b(2, 10, 9u), fresh;
-    ASSERT_EQ(b.capacity(), 20u);
     ASSERT_EQ(get_element_boundaries(seq(3, 10), EL_TRIA3, b), 0);
     ASSERT_EQ(b.cols(), 13u);
-    EXPECT_EQ(column(b, 9), (uv{9, 9}));
-    EXPECT_EQ(column(b, 10), (uv{11, 12}));
-    EXPECT_EQ(column(b, 12), (uv{10, 11}));
+    EXPECT_EQ(flat(b.sub_matrix(0, 9, 2, 4)), (uv{9, 9, 11, 12, 12, 10, 10, 11}));
     EXPECT_EQ(b.capacity(), 40u);  // full at 10 columns: room for 20
     ASSERT_EQ(get_element_boundaries(seq(3, 10), EL_TRIA3, fresh), 0);
     EXPECT_EQ(fresh.capacity(), 8u);  // 4 columns at first
@@ -76,9 +67,8 @@ TEST(GetMeshBoundaries, DocumentedExamples) {
     ASSERT_EQ(get_mesh_bounding_elements(two_tri, two_tri_nb, EL_TRIA3, ids, F), 0);
     EXPECT_EQ(F, 3u);
     EXPECT_EQ(values(ids), (uv{100, 0, 1, 3, 4}));  // appended
-    // (1, 0) is side 2 of triangle 1 as listed; (0, 1) is side 2 of triangle 0,
-    // although triangle 1 (met first from node 0) holds it reversed.  (3, 0) is only
-    // found reversed, (2, 3) not at all.
+    // (0, 1) is side 2 of triangle 0 although triangle 1, met first, holds it reversed;
+    // (3, 0) is only found reversed, (2, 3) not at all.
     ASSERT_EQ(get_ancestors(two_tri, anc), 0);
     ASSERT_EQ(get_elements_on_boundaries(M(2, {1, 0, 0, 1, 3, 0, 2, 3}), two_tri, two_tri_nb, anc, EL_TRIA3, bounds, F),
               0);
@@ -98,11 +88,9 @@ TEST(GetMeshBoundariesStatus, ChecksInOrder) {
     EXPECT_EQ(get_mesh_boundaries(dense2D<unsigned>(), dense2D<unsigned>(), EL_NONE, b), 0);
     EXPECT_EQ(get_mesh_boundaries(M(4, {0, 1, 2, 3, 1, 0, 3, 4}), two_tri_nb, EL_TRIA3, b), -1);
     EXPECT_EQ(get_mesh_boundaries(two_tri, M(3, {X, X, X}), EL_TRIA3, b), -2);
-    EXPECT_EQ(get_mesh_boundaries(two_tri, dense2D<unsigned>(4, 2, X), EL_TRIA3, b), -2);
     EXPECT_EQ(get_mesh_boundaries(two_tri, M(3, {X, X, 2, X, X, 0}), EL_TRIA3, b), -2);
     EXPECT_EQ(get_mesh_boundaries(two_tri, two_tri_nb, EL_TRIA3, wrong), -4);
     EXPECT_EQ(get_mesh_boundaries(tria6, nb6, EL_TRIA6, wrong), -3);  // 3 rows is right for EL_TRIA6
-    EXPECT_EQ(get_mesh_boundaries(tria6, nb6, EL_TRIA6, b), -3);
     EXPECT_EQ(b.entries(), 0u);
 
     EXPECT_EQ(get_mesh_bounding_elements(M(3, {0, X, 1}), nb6, EL_TRIA3, ids, F), -1);
@@ -120,12 +108,11 @@ TEST(GetElementsOnBoundariesStatus, ChecksInOrderAndWalkFailures) {
                   const dense1D<unsigned>& anc, element_type t = EL_TRIA3) {
         return get_elements_on_boundaries(sides, c, nb, anc, t, bounds, F);
     };
-    const dense2D<unsigned> side = M(2, {0, 1}), no_sides;
+    const dense2D<unsigned> side = M(2, {0, 1});
     const dense1D<unsigned> anc{1, 1, 0, 1};
     EXPECT_EQ(on(side, dense2D<unsigned>(), two_tri_nb, anc), 0);
     EXPECT_EQ(F, 0u);
     EXPECT_EQ(on(seq(3), two_tri, two_tri_nb, anc), -1);
-    EXPECT_EQ(on(no_sides, two_tri, two_tri_nb, anc), -1);
     EXPECT_EQ(on(side, seq(4), two_tri_nb, anc), -2);
     EXPECT_EQ(on(side, two_tri, M(3, {X, X, 5, X, X, 0}), anc), -3);
     EXPECT_EQ(on(side, two_tri, two_tri_nb, dense1D<unsigned>{0, 2}), -4);
@@ -142,27 +129,23 @@ TEST(GetElementsOnBoundariesStatus, ChecksInOrderAndWalkFailures) {
 
 TEST(Boundaries, AllocationFailuresKeepWhatWasAppended) {
     NODARA_REQUIRE_FAULT_INJECTION();
-    const nt::mesh quads = nt::quad_mesh(3, 2), hexa = nt::hexa_mesh(3, 1, 1), wedges = nt::wedge_mesh(2, 1, 1);
+    const nt::mesh quads = nt::quad_mesh(3, 2), wedges = nt::wedge_mesh(2, 1, 1);
+    const derived w = derive(wedges.connect, EL_WEDGE6);
     const dense2D<unsigned> head(2, 3, 5u);
     dense2D<unsigned> b, expected;
     expected.copy(head);
     ASSERT_EQ(get_element_boundaries(quads.connect, EL_QUAD4, expected), 0);
     expect_allocation_failures(
         [&] { b.copy(head); }, [&] { return get_element_boundaries(quads.connect, EL_QUAD4, b); },
-        [&] {
-            ASSERT_GE(b.cols(), 3u);
-            EXPECT_EQ(b, expected.sub_matrix(0, 0, 2, b.cols()));
-        },
-        2);
+        [&] { EXPECT_TRUE(b.cols() >= 3u && b == expected.sub_matrix(0, 0, 2, b.cols())); }, 2);
     EXPECT_EQ(b, expected);
-
-    const derived h = derive(hexa.connect, EL_HEXA8), w = derive(wedges.connect, EL_WEDGE6);
     dense1D<unsigned> ids;
     unsigned F = 0;
     const auto reset = [&] { ids = dense1D<unsigned>(); };
-    expect_allocation_failures(reset, [&] { return get_mesh_bounding_elements(hexa.connect, h.nb, EL_HEXA8, ids, F); },
-                               [&] { EXPECT_EQ(values(ids), uv(h.ids.begin(), h.ids.begin() + ids.size())); });
-    EXPECT_EQ(ids, h.ids);
+    expect_allocation_failures(
+        reset, [&] { return get_mesh_bounding_elements(wedges.connect, w.nb, EL_WEDGE6, ids, F); },
+        [&] { EXPECT_EQ(values(ids), uv(w.ids.begin(), w.ids.begin() + ids.size())); });
+    EXPECT_EQ(ids, w.ids);
     expect_allocation_failures(
         reset, [&] { return get_elements_on_boundaries(w.skin, wedges.connect, w.nb, w.anc, EL_WEDGE6, ids, F); },
         [] {}, 2);

@@ -1,6 +1,5 @@
-// Helpers of the topology tests: short matrix builders, conversions to std::vector,
-// the derived topology of a mesh, an allocation-failure loop and a brute-force
-// oracle for element neighbours.
+// Helpers of the topology tests: matrix builders, the derived topology of a mesh,
+// an allocation-failure loop and a brute-force oracle for element neighbours.
 #ifndef NODARA_TESTS_TOPOLOGY_HELPERS_H
 #define NODARA_TESTS_TOPOLOGY_HELPERS_H
 
@@ -84,9 +83,8 @@ inline derived derive(const dense2D<unsigned>& c, element_type t) {
     return d;
 }
 
-/// Fails the allocations of call() one at a time, after reset(): every failing run
-/// (at least min_runs of them) returns -199 and passes check(); the first run that
-/// allocates fully returns 0.
+/// Fails each allocation of call() in turn: every failing run (at least min_runs)
+/// returns -199 and passes check(); the complete run returns 0.
 template <class Reset, class Call, class Check>
 void expect_allocation_failures(Reset reset, Call call, Check check, unsigned long long min_runs = 1) {
     int result = 1;
@@ -96,10 +94,7 @@ void expect_allocation_failures(Reset reset, Call call, Check check, unsigned lo
     EXPECT_EQ(result, 0);
 }
 
-/// The documented face match, pairwise, written from the rule rather than from a
-/// canonical form: sides equal in either direction; triangles rotated to their
-/// smallest node; quadrangles also needing equal opposite nodes; a triangle never
-/// matches a quadrangle.
+/// The face match written from the rule: same nodes up to rotation and direction.
 inline bool faces_match(std::vector<unsigned> a, std::vector<unsigned> b) {
     if (a.size() != b.size()) return false;
     if (a.size() == 1) return a[0] == b[0];

@@ -1,12 +1,11 @@
-// get_neighbors, get_node_graph, get_connected_elements and get_ancestors:
-// statuses in check order, worked examples, a brute-force oracle on random
-// connectivities and allocation failures.
+// get_neighbors, get_node_graph, get_connected_elements and get_ancestors.
 #include "topology/helpers.h"
 
 #include "common/meshes.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <random>
 
 using namespace topo_test;
@@ -18,28 +17,16 @@ uv neighbours_of(const dense1D<unsigned>& offsets, const dense1D<unsigned>& grap
     return uv(graph.begin() + offsets[i], graph.begin() + offsets[i + 1]);
 }
 
-// ---------------------------------------------------------------------------
-// get_neighbors
-
-TEST(GetNeighborsStatus, ChecksInOrder) {
+TEST(GetNeighbors, StatusesInCheckOrder) {
     dense2D<unsigned> nb(2, 2, 7u), no_columns;
     no_columns.resize(3, 0);
-    EXPECT_EQ(get_neighbors(dense2D<unsigned>(), EL_TRIA3, false, nb), 0);
+    EXPECT_EQ(get_neighbors(no_columns, EL_TRIA6, false, nb), 0);  // empty: the type is not looked at
     EXPECT_EQ(nb.entries(), 0u);
-    EXPECT_EQ(get_neighbors(no_columns, EL_TRIA6, false, nb), 0);  // the type is not looked at
-    const struct {
-        dense2D<unsigned> c;
-        element_type t;
-        int status;
-    } cases[] = {
-        {M(3, {0, X, 2}), EL_TRIA3, -1},
-        {seq(4), EL_TRIA3, -1},  // wrong rows
-        {seq(1), EL_NONE, -1},
+    const struct { dense2D<unsigned> c; element_type t; int status; } cases[] = {
+        {M(3, {0, X, 2}), EL_TRIA3, -1},         {seq(4), EL_TRIA3, -1},  // wrong rows
         {M(6, {0, 1, 2, 3, 4, X}), EL_TRIA6, -1},  // ids are checked before the type
         {M(8, {0, 1, 2, 3, X, 5, X, X}), EL_SOLID_ANY, -1},  // a hole in the padding
-        {seq(7), EL_SOLID_ANY, -1},
-        {seq(6), EL_TRIA6, -2},    {seq(2), EL_EDGE_ANY, -2}, {seq(3), EL_EDGE3, -2},
-        {seq(1), EL_NODE, -2},     {seq(20), EL_HEXA20, -2},
+        {seq(6), EL_TRIA6, -2},                  {seq(2), EL_EDGE_ANY, -2},
     };
     for (const auto& k : cases) {
         SCOPED_TRACE(::testing::Message() << "type " << k.t << " rows " << k.c.rows());
@@ -52,36 +39,19 @@ TEST(GetNeighborsStatus, ChecksInOrder) {
 TEST(GetNeighbors, WorkedExamples) {
     const dense2D<unsigned> three_on_a_side = M(3, {0, 1, 2, 1, 0, 3, 0, 1, 4});
     // 0 wedge; 1 tetrahedron whose face (5, 4, 1) lies inside the wedge's quadrangle
-    // (2, 1, 4, 5); 2 hexahedron on quadrangle (0, 2, 5, 3); 3 pyramid on quadrangle
-    // (1, 0, 3, 4); 4 tetrahedron on triangle (0, 1, 2).
-    const dense2D<unsigned> mixed = M(8, {0, 1, 2, 3, 4, 5, X, X,  //
-                                          1, 4, 5, 9, X, X, X, X,  //
-                                          0, 3, 5, 2, 10, 11, 12, 13,  //
-                                          1, 0, 3, 4, 20, X, X, X,  //
-                                          2, 1, 0, 30, X, X, X, X});
-    const struct {
-        const char* what;
-        dense2D<unsigned> c;
-        element_type t;
-        bool keep;
-        uv expected;  // all columns
-    } cases[] = {
+    // (2, 1, 4, 5); 2 hexahedron, 3 pyramid on the other quadrangles; 4 tetrahedron on (0, 1, 2).
+    const dense2D<unsigned> mixed = M(8, {0, 1, 2, 3, 4, 5, X, X,  1, 4, 5, 9, X, X, X, X,  0, 3, 5, 2, 10, 11, 12, 13,
+                                          1, 0, 3, 4, 20, X, X, X,  2, 1, 0, 30, X, X, X, X});
+    const struct { const char* what; dense2D<unsigned> c; element_type t; bool keep; uv expected; } cases[] = {
         {"side 2 of both, reversed", M(3, {0, 1, 2, 1, 0, 3}), EL_TRIA3, false, {X, X, 1, X, X, 0}},
-        {"same direction also matches", M(3, {0, 1, 2, 3, 0, 1}), EL_TRIA3, false, {X, X, 1, 0, X, X}},
         {"three kept: later ones to the first, first to the last", three_on_a_side, EL_TRIA3, true,
          {X, X, 2, X, X, 0, X, X, 0}},
         {"three not kept", three_on_a_side, EL_TRIA3, false, uv(9, X)},
-        {"four tetrahedra kept", M(4, {0, 1, 2, 3, 2, 1, 0, 4, 5, 0, 2, 1, 1, 0, 2, 6}), EL_TETRA4, true,
-         {X, X, X, 3, X, X, X, 0, 0, X, X, X, X, X, X, 0}},
         {"edge boundary j is the end opposite node j", M(2, {0, 1, 1, 2, 2, 3}), EL_EDGE2, false, {1, X, 2, 0, X, 1}},
         {"quadrangle side j starts at node j", M(4, {0, 1, 4, 3, 1, 2, 5, 4}), EL_QUAD4, false,
          {X, 1, X, X, X, X, X, 0}},
         {"wedges: top (3, 5, 4) on bottom (3, 4, 5)", M(6, {0, 1, 2, 3, 4, 5, 3, 4, 5, 6, 7, 8}), EL_WEDGE6, false,
          {X, 1, X, X, X, 0, X, X, X, X}},
-        {"wedges: quadrangle 3 on quadrangle 4", M(6, {0, 1, 2, 3, 4, 5, 2, 0, 9, 5, 3, 10}), EL_WEDGE6, false,
-         {X, X, X, 1, X, X, X, X, X, 0}},
-        {"wedges: same four nodes, diagonal swapped", M(6, {0, 1, 2, 3, 4, 5, 2, 0, 9, 3, 5, 10}), EL_WEDGE6,
-         false, uv(10, X)},
         {"mixed solids: triangles only match triangles", mixed, EL_SOLID_ANY, false,
          {4, X, X, 2, 3, X, X, X, X, X, X, X, X, X, X, X, 0, X, X, X, X, X, 0, X, X, X, X, 0, X, X}},
         {"columns read through the leading dimension", M(5, {0, 1, 2, 77, 77, 1, 0, 3, 77, 77}).sub_matrix(0, 0, 3, 2),
@@ -96,8 +66,7 @@ TEST(GetNeighbors, WorkedExamples) {
     }
 }
 
-// Random connectivities over few nodes give long chains, repeated faces,
-// degenerate faces and classes of many members.
+// Few nodes give long chains, repeated and degenerate faces, classes of many members.
 dense2D<unsigned> random_connectivity(std::mt19937& g, element_type type, unsigned cols, unsigned nodes) {
     std::uniform_int_distribution<unsigned> pick(0, nodes - 1);
     const bool mixed = type == EL_SOLID_ANY || type == EL_FACE_ANY;
@@ -128,78 +97,51 @@ TEST(GetNeighborsOracle, RandomConnectivitiesOfEveryKind) {
         }
 }
 
-// ---------------------------------------------------------------------------
-// get_node_graph, get_connected_elements, get_ancestors
-
-TEST(GetNodeGraphStatus, ChecksInOrder) {
+TEST(GetNodeGraph, StatusesInCheckOrder) {
     dense1D<unsigned> off{1, 2}, g{3};
     EXPECT_EQ(get_node_graph(dense2D<unsigned>(), off, g, EL_TRIA6), 0);  // empty: the type is not looked at
     EXPECT_TRUE(off.empty() && g.empty());
     EXPECT_EQ(get_node_graph(seq(3), off, g, EL_QUAD4), -2);
-    EXPECT_EQ(get_node_graph(seq(4), off, g, EL_SOLID_ANY), -2);  // no substitution
-    EXPECT_EQ(get_node_graph(seq(3), off, g, EL_FACE_ANY), -2);
+    EXPECT_EQ(get_node_graph(seq(4), off, g, EL_SOLID_ANY), -2);  // no substitution by rows
     EXPECT_EQ(get_node_graph(seq(6), off, g, EL_TRIA6), -5);
-    EXPECT_EQ(get_node_graph(seq(2), off, g, EL_EDGE_ANY), -5);
-    EXPECT_EQ(get_node_graph(seq(1), off, g, EL_NODE), -5);
-    EXPECT_TRUE(off.empty() && g.empty());
 }
 
 TEST(GetNodeGraph, NeighboursInOrderOfFirstMeetingAlongTheKindsEdges) {
     dense1D<unsigned> off, g;
-    // A quadrangle joins its sides (0,1), (1,2), (2,3), (3,0) only; EL_NONE joins everything.
-    ASSERT_EQ(get_node_graph(seq(4), off, g, EL_QUAD4), 0);
+    ASSERT_EQ(get_node_graph(seq(4), off, g, EL_QUAD4), 0);  // sides only
     EXPECT_EQ(values(off), (uv{0, 2, 4, 6, 8}));
     EXPECT_EQ(values(g), (uv{1, 3, 0, 2, 1, 3, 2, 0}));
-    ASSERT_EQ(get_node_graph(seq(4), off, g, EL_NONE), 0);
+    ASSERT_EQ(get_node_graph(seq(4), off, g, EL_NONE), 0);  // everything
     EXPECT_EQ(neighbours_of(off, g, 2), (uv{0, 1, 3}));
-    // Unused nodes get empty ranges; EL_NONE skips NULL_INDEX and reads any row count.
-    ASSERT_EQ(get_node_graph(M(2, {0, 5}), off, g, EL_EDGE2), 0);
+    ASSERT_EQ(get_node_graph(M(2, {0, 5}), off, g, EL_EDGE2), 0);  // unused nodes get empty ranges
     EXPECT_EQ(values(off), (uv{0, 1, 1, 1, 1, 1, 2}));
     EXPECT_EQ(values(g), (uv{5, 0}));
-    ASSERT_EQ(get_node_graph(M(3, {2, X, 0, X, X, X}), off, g, EL_NONE), 0);
+    ASSERT_EQ(get_node_graph(M(3, {2, X, 0, X, X, X}), off, g, EL_NONE), 0);  // any rows, NULL_INDEX skipped
     EXPECT_EQ(values(off), (uv{0, 1, 1, 2}));
     EXPECT_EQ(values(g), (uv{2, 0}));
-    // Triangles (4, 2, 0) and (0, 3, 1): node 0 meets 4, 2, then 3, 1.
     ASSERT_EQ(get_node_graph(M(3, {4, 2, 0, 0, 3, 1}), off, g, EL_TRIA3), 0);
     EXPECT_EQ(neighbours_of(off, g, 0), (uv{4, 2, 3, 1}));
-    // A triangle of EL_FACE_ANY is walked by its sides (1,2), (2,0), (0,1).
-    ASSERT_EQ(get_node_graph(M(4, {4, 2, 0, X}), off, g, EL_FACE_ANY), 0);
+    ASSERT_EQ(get_node_graph(M(4, {4, 2, 0, X}), off, g, EL_FACE_ANY), 0);  // sides (1,2), (2,0), (0,1)
     EXPECT_EQ(neighbours_of(off, g, 0), (uv{2, 4}));
     EXPECT_EQ(neighbours_of(off, g, 2), (uv{0, 4}));
-    // Wedge edges (0,3), (1,4), (2,5), (1,2), (2,0), (0,1), (4,5), (5,3), (3,4).
     ASSERT_EQ(get_node_graph(seq(6), off, g, EL_WEDGE6), 0);
     EXPECT_EQ(neighbours_of(off, g, 0), (uv{3, 2, 1}));
     EXPECT_EQ(neighbours_of(off, g, 5), (uv{2, 4, 3}));
-    // Pyramid edges (0,4), (1,4), (2,4), (3,4), (0,1), (1,2), (2,3), (3,0).
     ASSERT_EQ(get_node_graph(seq(5), off, g, EL_PYRAMID5), 0);
     EXPECT_EQ(neighbours_of(off, g, 4), (uv{0, 1, 2, 3}));
     EXPECT_EQ(neighbours_of(off, g, 0), (uv{4, 1, 3}));
-    // Mixed solids: a tetrahedron (all joined) and a hexahedron.
     ASSERT_EQ(get_node_graph(M(8, {0, 1, 2, 3, X, X, X, X, 10, 11, 12, 13, 14, 15, 16, 17}), off, g, EL_SOLID_ANY), 0);
-    ASSERT_EQ(off.size(), 19u);
     EXPECT_EQ(neighbours_of(off, g, 2), (uv{0, 1, 3}));
-    EXPECT_EQ(neighbours_of(off, g, 10), (uv{11, 13, 14}));
     EXPECT_EQ(neighbours_of(off, g, 16), (uv{15, 17, 12}));
-    EXPECT_TRUE(neighbours_of(off, g, 5).empty());
 }
 
 TEST(GetConnectedElements, ColumnsHoldingEachNodeAscending) {
-    // Columns (2, 0), (X, 2), (2, 2): node 2 in every column, twice in the last.
     dense1D<unsigned> off{9}, el{9};
-    ASSERT_EQ(get_connected_elements(M(2, {2, 0, X, 2, 2, 2}), off, el), 0);
+    ASSERT_EQ(get_connected_elements(M(2, {2, 0, X, 2, 2, 2}), off, el), 0);  // node 2 twice in the last
     EXPECT_EQ(values(off), (uv{0, 1, 1, 5}));
     EXPECT_EQ(values(el), (uv{0, 0, 1, 2, 2}));
     ASSERT_EQ(get_connected_elements(dense2D<unsigned>(), off, el), 0);
     EXPECT_TRUE(off.empty() && el.empty());
-    const nt::mesh m = nt::wedge_mesh(2, 2, 1);
-    ASSERT_EQ(get_connected_elements(m.connect, off, el), 0);
-    ASSERT_EQ(el.size(), m.connect.entries());
-    for (unsigned n = 0; n + 1 < off.size(); ++n)
-        for (unsigned k = off[n]; k < off[n + 1]; ++k) {
-            EXPECT_TRUE(k == off[n] || el[k - 1] < el[k]);
-            const unsigned* c = m.connect.col(el[k]);
-            EXPECT_NE(std::find(c, c + 6, n), c + 6);
-        }
 }
 
 TEST(GetAncestors, LastColumnWinsAndPresizedArraysKeepTheirValues) {
@@ -214,29 +156,27 @@ TEST(GetAncestors, LastColumnWinsAndPresizedArraysKeepTheirValues) {
 
 TEST(Adjacency, AllocationFailures) {
     NODARA_REQUIRE_FAULT_INJECTION();
-    const nt::mesh tets = nt::tetra_mesh(2, 1, 1), hexa = nt::hexa_mesh(2, 1, 1), tris = nt::tria_mesh(2, 2);
-    // Every run starts from outputs without capacity, so that each allocation is reached.
+    const nt::mesh tets = nt::tetra_mesh(2, 1, 1), hexa = nt::hexa_mesh(2, 1, 1);
     dense2D<unsigned> nb;
     dense1D<unsigned> off, g;
-    expect_allocation_failures([&] { nb = dense2D<unsigned>(); },
-                               [&] { return get_neighbors(tets.connect, EL_TETRA4, false, nb); },
-                               [&] { EXPECT_EQ(nb.entries(), 0u); }, 2);
-    EXPECT_EQ(nb, oracle_neighbors(tets.connect, EL_TETRA4, false));
+    const std::function<int()> calls[] = {
+        [&] { return get_neighbors(tets.connect, EL_TETRA4, false, nb); },
+        [&] { return get_node_graph(hexa.connect, off, g, EL_HEXA8); },
+        [&] { return get_connected_elements(hexa.connect, off, g); },
+        [&] { return get_ancestors(hexa.connect, g); },
+    };
     const auto fresh = [&] {
+        nb = dense2D<unsigned>();
         off = dense1D<unsigned>();
         g = dense1D<unsigned>();
     };
-    const auto cleared = [&] { EXPECT_TRUE(off.empty() && g.empty()); };
-    expect_allocation_failures(fresh, [&] { return get_node_graph(hexa.connect, off, g, EL_HEXA8); }, cleared, 3);
-    EXPECT_EQ(off.size(), 13u);
-    expect_allocation_failures(fresh, [&] { return get_connected_elements(tris.connect, off, g); }, cleared);
-    EXPECT_EQ(g.size(), tris.connect.entries());
-    const dense2D<unsigned> one = M(1, {3});
-    dense1D<unsigned> a;
-    nt::scoped_allocation_failure fail(1);
-    EXPECT_EQ(get_ancestors(one, a), -199);
-    EXPECT_TRUE(fail.fired());
-    EXPECT_TRUE(a.empty());
+    for (const auto& call : calls) {
+        expect_allocation_failures(fresh, call, [&] { EXPECT_TRUE(nb.entries() == 0 && off.empty() && g.empty()); });
+        if (&call == calls) {
+            EXPECT_EQ(nb, oracle_neighbors(tets.connect, EL_TETRA4, false));
+        }
+    }
+    EXPECT_EQ(g.size(), hexa.pos.cols());  // ancestors
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Invariants on structured meshes of every kind, tying the topology functions to
-// each other, to the brute-force oracle and to counts known from the geometry.
+// each other and to counts known from the geometry.
 #include "topology/helpers.h"
 
 #include "common/meshes.h"
@@ -11,28 +11,19 @@ namespace nt = nodara_test;
 
 namespace {
 
-std::size_t mixed_box_skin(unsigned nx, unsigned ny, unsigned nz) {
-    std::size_t top = 0;
-    for (unsigned j = 0; j < ny; ++j)
-        for (unsigned i = 0; i < nx; ++i) top += (i + j) % 3 == 1 ? 2 : 1;
-    return 2 * top + 2 * (nx * nz + ny * nz);
-}
-
 TEST(StructuredMeshes, Invariants) {
     const unsigned nx = 3, ny = 2, nz = 2;
     const std::size_t quads = 2 * (nx * ny + ny * nz + nx * nz);
-    const struct {
-        nt::mesh m;
-        int dim;
-        std::size_t skin;  // open sides
-        long euler;        // alternating count of vertices, edges, (faces,) elements
-    } cases[] = {
+    std::size_t mixed_top = 0;  // wedge columns have two triangles on top
+    for (unsigned j = 0; j < ny; ++j)
+        for (unsigned i = 0; i < nx; ++i) mixed_top += (i + j) % 3 == 1 ? 2 : 1;
+    // skin: open sides; euler: alternating count of vertices, edges, (faces,) elements
+    const struct { nt::mesh m; int dim; std::size_t skin; long euler; } cases[] = {
         {nt::hexa_mesh(nx, ny, nz), 3, quads, 1},
         {nt::tetra_mesh(nx, ny, nz), 3, 2 * quads, 1},
         {nt::wedge_mesh(nx, ny, nz), 3, 4 * nx * ny + 2 * (nx * nz + ny * nz), 1},
         {nt::pyramid_mesh(nx, ny, nz), 3, quads, 1},
-        {nt::mixed_solid_mesh(nx, ny, nz), 3, mixed_box_skin(nx, ny, nz), 1},
-        {nt::mixed_solid_mesh(3, 3, 1), 3, mixed_box_skin(3, 3, 1), 1},
+        {nt::mixed_solid_mesh(nx, ny, nz), 3, 2 * mixed_top + 2 * (nx * nz + ny * nz), 1},
         {nt::quad_mesh(4, 3), 2, 14, 1},
         {nt::tria_mesh(4, 3), 2, 14, 1},
         {nt::mixed_face_mesh(4, 3), 2, 14, 1},
@@ -45,20 +36,18 @@ TEST(StructuredMeshes, Invariants) {
         const unsigned C = static_cast<unsigned>(c.cols());
         SCOPED_TRACE(::testing::Message() << "type " << t << " elements " << C);
 
-        // Neighbours: the oracle's, whatever the flag on a manifold mesh, and the same
-        // when the type is the mixed one of the dimension (read by rows or by column).
+        // Neighbours: the same with either flag on a manifold mesh, and as the mixed type.
         const derived d = derive(c, t);
         dense2D<unsigned> kept, as_mixed;
         ASSERT_EQ(get_neighbors(c, t, true, kept), 0);
         EXPECT_EQ(kept, d.nb);
-        EXPECT_EQ(d.nb, oracle_neighbors(c, t, false));
         if (k.dim > 1) {
             ASSERT_EQ(get_neighbors(c, k.dim == 3 ? EL_SOLID_ANY : EL_FACE_ANY, false, as_mixed), 0);
             EXPECT_EQ(as_mixed, d.nb);
         }
 
-        // The skin: one column per open side, found back from its nodes, and closed
-        // as a mesh of its own; with a single colour it is also the colour boundary.
+        // The skin: one column per open side, found back from its nodes; with a single
+        // colour it is also the colour boundary.
         EXPECT_EQ(d.skin.cols(), k.skin);
         EXPECT_EQ(d.ids.size(), k.skin);
         dense1D<unsigned> bounds;
@@ -68,19 +57,11 @@ TEST(StructuredMeshes, Invariants) {
             EXPECT_EQ(G, d.F);
             EXPECT_EQ(bounds, d.ids);
         }
-        const unsigned r = static_cast<unsigned>(d.skin.rows());
-        if (r >= 2) {
-            dense2D<unsigned> skin_nb;
-            ASSERT_EQ(get_neighbors(d.skin, r == 2 ? EL_EDGE2 : r == 3 ? EL_TRIA3 : EL_FACE_ANY, false, skin_nb), 0);
-            for (std::size_t e = 0; e < d.skin.cols(); ++e)
-                for (unsigned j = 0; j < (r == 4 && d.skin(3, e) == X ? 3u : r); ++j) EXPECT_NE(skin_nb(j, e), X);
-        }
         dense2D<unsigned> one;
         ASSERT_EQ(get_colors_boundaries(c, d.nb, dense1D<unsigned>(C, 3u), t, true, one), 0);
         EXPECT_EQ(one, d.skin);
 
-        // Edges: the node graph joins exactly the listed pairs, and Euler's formula
-        // holds with the distinct faces counted from the element boundaries.
+        // Edges: the node graph joins exactly the listed pairs; Euler's formula holds.
         dense1D<unsigned> off, g;
         dense2D<unsigned> edges, all_faces;
         ASSERT_EQ(get_node_graph(c, off, g, t), 0);
@@ -88,17 +69,12 @@ TEST(StructuredMeshes, Invariants) {
         EXPECT_EQ(g.size(), 2 * edges.cols());  // sum of valences
         const auto listed = pairs(edges);
         for (unsigned i = 0; i + 1 < off.size(); ++i)
-            for (unsigned p = off[i]; p < off[i + 1]; ++p) {
-                EXPECT_NE(g[p], i);
+            for (unsigned p = off[i]; p < off[i + 1]; ++p)
                 EXPECT_TRUE(listed.count({std::min(i, g[p]), std::max(i, g[p])})) << i << "-" << g[p];
-            }
         ASSERT_EQ(get_element_boundaries(c, t, all_faces), 0);
         const long V = static_cast<long>(k.m.pos.cols()), E = static_cast<long>(edges.cols());
         const long F = static_cast<long>((all_faces.cols() + d.ids.size()) / 2);  // inner ones twice
         EXPECT_EQ(k.dim == 3 ? V - E + F - C : k.dim == 2 ? V - E + C : V - C, k.euler);
-        if (k.dim == 2) {
-            EXPECT_EQ(F, E);
-        }
 
         // Subdomains: one piece; two copies side by side are two.
         dense1D<unsigned> order, offsets;
@@ -108,7 +84,6 @@ TEST(StructuredMeshes, Invariants) {
         ASSERT_EQ(get_neighbors(twice(c, 100000), t, false, nb2), 0);
         ASSERT_EQ(get_subdomains(nb2, order, offsets), 0);
         EXPECT_EQ(values(offsets), (uv{0, C, 2 * C}));
-        for (unsigned e = 0; e < C; ++e) EXPECT_LT(order[e], C);
     }
 }
 
