@@ -99,17 +99,68 @@ double facet_measure(const double* x0, const double* x1, const double* x2) noexc
     return m;
 }
 
+// True when the measure of the facet (x[0..2], x[3..5], x[6..8]) is certainly
+// above `bound`, found at a third of the cost of the measure (for ASCII files).  The smallest
+// squared altitude is 4 A^2 / L with A the area and L the longest squared side;
+// computed here from one cross product, it differs from the three-altitude
+// computation by a relative 1e-10 at most while the facet is not nearly flat
+// (|cross|^2 at least 1e-8 L^2) and its sizes are far from the underflow range.
+// Other facets are always measured.
+bool clearly_above(const double* x, double bound) noexcept {
+    double a[3], b[3], c[3];  // x1 - x0, x2 - x0, x2 - x1
+    for (int r = 0; r < 3; ++r) {
+        a[r] = x[3 + r] - x[r];
+        b[r] = x[6 + r] - x[r];
+        c[r] = x[6 + r] - x[3 + r];
+    }
+    const double n[3] = {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+    const double n2 = squared_norm(n);
+    double longest = squared_norm(a);
+    const double lb = squared_norm(b), lc = squared_norm(c);
+    if (lb > longest) longest = lb;
+    if (lc > longest) longest = lc;
+    return longest > 1e-140 && n2 >= 1e-8 * longest * longest && n2 > bound * (1.0 + 1e-6) * longest;
+}
+
+// Facets of single-precision vertices whose measure is certainly above `bound`,
+// found several at a time: far[j] is 1 for such a facet of v (9 floats per facet,
+// m at most kScreen).  In single precision the one-cross-product value moves by a
+// relative 1e-4 at most while the facet is not nearly flat (|cross|^2 at least
+// 1e-4 L^2) and its squared sides lie between 1e-15 and 1e15; the margin is 1e-3.
+// Bounds far from 1 (beyond 1e-20 .. 1e20) mark no facet.
+constexpr std::size_t kScreen = 256;
+void screen(const float* v, std::size_t m, double bound, unsigned char* far) noexcept {
+    const double b = bound * (1.0 + 1e-3);
+    if (!(b >= 1e-20 && b <= 1e20)) {
+        std::memset(far, 0, m);
+        return;
+    }
+    const float bf = static_cast<float>(b);
+    float x[9][kScreen];  // coordinate k of facet j in x[k][j]
+    for (std::size_t j = 0; j < m; ++j)
+        for (int k = 0; k < 9; ++k) x[k][j] = v[9 * j + k];
+    for (std::size_t j = 0; j < m; ++j) {
+        const float ax = x[3][j] - x[0][j], ay = x[4][j] - x[1][j], az = x[5][j] - x[2][j];
+        const float bx = x[6][j] - x[0][j], by = x[7][j] - x[1][j], bz = x[8][j] - x[2][j];
+        const float cx = x[6][j] - x[3][j], cy = x[7][j] - x[4][j], cz = x[8][j] - x[5][j];
+        const float nx = ay * bz - az * by, ny = az * bx - ax * bz, nz = ax * by - ay * bx;
+        const float n2 = nx * nx + ny * ny + nz * nz;
+        const float la = ax * ax + ay * ay + az * az, lb = bx * bx + by * by + bz * bz;
+        const float lc = cx * cx + cy * cy + cz * cz;
+        float l = la > lb ? la : lb;
+        l = l > lc ? l : lc;
+        far[j] = static_cast<unsigned char>((l >= 1e-15f) & (l <= 1e15f) & (n2 >= 1e-4f * l * l) & (n2 > bf * l));
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Coincident vertices, grouped while the facets are read.
 
-// Table slots: three words of key (the bits of three coordinates, or of three
-// cell numbers) and a node (NULL_INDEX: empty).
-struct slot16 {
-    std::uint32_t key[3];
-    unsigned node;
-};
-struct slot32 {
-    std::uint64_t key[3];
+// A slot of the open-addressed tables: the low 32 bits of the key's hash (the
+// table index comes from the high bits) and a node (NULL_INDEX: empty).  A slot
+// whose tag matches is confirmed against the node's coordinates.
+struct slot8 {
+    std::uint32_t tag;
     unsigned node;
 };
 
@@ -119,19 +170,20 @@ struct float_bits;
 template <>
 struct float_bits<float> {
     using word = std::uint32_t;
-    using slot = slot16;
     static constexpr word kSign = 0x80000000u, kExponent = 0x7F800000u;
 };
 template <>
 struct float_bits<double> {
     using word = std::uint64_t;
-    using slot = slot32;
     static constexpr word kSign = 0x8000000000000000ull, kExponent = 0x7FF0000000000000ull;
 };
 
 // Hash of three words; the high bits are the well mixed ones.
 std::uint64_t hash3(std::uint32_t a, std::uint32_t b, std::uint32_t c) noexcept {
-    const std::uint64_t h = (a | static_cast<std::uint64_t>(b) << 32) ^ (c * 0xC2B2AE3D27D4EB4Full);
+    const std::uint32_t ab[2] = {a, b};
+    std::uint64_t h;
+    std::memcpy(&h, ab, sizeof h);  // a and b as they lie in memory: one load for a vertex
+    h ^= c * 0xC2B2AE3D27D4EB4Full;
     return (h ^ (h >> 29)) * 0x9E3779B97F4A7C15ull;
 }
 std::uint64_t hash3(std::uint64_t a, std::uint64_t b, std::uint64_t c) noexcept {
@@ -150,127 +202,187 @@ unsigned shift_for(std::size_t size) noexcept {  // 64 - log2(size)
 // nodes numbered in the order of their first vertex.  -0.0 and 0.0 coincide; a
 // vertex with a coordinate that is not finite coincides with nothing (its distance
 // to anything is NaN or infinite).  T is float for binary files, double for ASCII
-// ones.  The table holds the coordinates next to the node, so a lookup touches one
-// place in memory; the nodes are kept as doubles, 3 x nodes, ready to be handed
-// out.  Throws std::bad_alloc.
+// ones; the nodes are kept as doubles, 3 x nodes, ready to be handed out.
+// Facets sharing a vertex are usually close in a file, so the vertices seen last
+// are kept in a small direct-mapped cache that answers most lookups; the others
+// go to the hash table, fetched a few vertices ahead.  Throws std::bad_alloc.
 template <class T>
 class vertex_nodes {
 public:
     using word = typename float_bits<T>::word;
-    using slot = typename float_bits<T>::slot;
-
-    // A vertex whose coordinates differ in their bits from its node's (signed zeros).
-    struct odd_vertex {
-        unsigned vertex;
-        T x[3];
-    };
 
     // Sized for a surface of `facets` facets (about one node per two facets).
     void reserve(std::size_t facets) {
         std::size_t size = 1024;
         while (size < facets) size *= 2;
         rehash(size);
-        if (!coords_.reserve(3, facets / 2 + 16)) throw std::bad_alloc();
+        const std::size_t nodes = facets / 2 + 16;
+        if (!coords_.reserve(3, nodes) || !coords_.resize(3, nodes)) throw std::bad_alloc();
     }
 
-    // The nodes of the m vertices x[0..2], x[3..5], ... numbered from `vertex` on,
-    // into node[0], node[1], ...  The table slots are fetched a few vertices ahead.
-    void nodes_of(const T* x, std::size_t m, std::size_t vertex, unsigned* node) {
+    // The nodes of the m vertices x[0..2], x[3..5], ... into node[0], node[1], ...
+    void nodes_of(const T* x, std::size_t m, unsigned* node) {
         if (table_.empty()) rehash(1024);
-        constexpr std::size_t kBatch = 256, kAhead = 16;
-        word key[kBatch][3];
-        std::uint64_t hash[kBatch];
-        for (std::size_t first = 0; first < m; first += kBatch) {
-            const std::size_t b = m - first < kBatch ? m - first : kBatch;
-            const T* y = x + 3 * first;
-            for (std::size_t i = 0; i < b; ++i) {
-                for (int r = 0; r < 3; ++r) {
-                    word w;
-                    std::memcpy(&w, y + 3 * i + r, sizeof w);
-                    key[i][r] = w == float_bits<T>::kSign ? 0 : w;  // -0.0 as 0.0
-                }
-                hash[i] = hash3(key[i][0], key[i][1], key[i][2]);
-            }
-            for (std::size_t i = 0; i < b && i < kAhead; ++i) prefetch(hash[i]);
-            for (std::size_t i = 0; i < b; ++i) {
-                if (i + kAhead < b) prefetch(hash[i + kAhead]);
-                node[first + i] = node_of(y + 3 * i, key[i], hash[i], vertex + first + i);
+        if (recent_.empty()) recent_.assign(kRecent, recent_vertex{{0, 0, 0}, NULL_INDEX});
+        // The table slot of a vertex the cache does not hold is fetched a few
+        // vertices ahead (without a branch: a held vertex fetches its entry again);
+        // the hashes wait in a ring.
+        constexpr std::size_t kAhead = 64, kRing = 2 * kAhead;
+        std::uint64_t ring[kRing];
+        const recent_vertex* recent = recent_.data();
+        const slot8* table = table_.data();
+        unsigned shift = shift_;
+        auto look_ahead = [&](std::size_t i) {
+            const T* y = x + 3 * i;
+            const std::uint64_t h = hash_bits(y);
+            ring[i % kRing] = h;
+            const recent_vertex* e = recent + (h & (kRecent - 1));
+            const std::uintptr_t held = 0 - static_cast<std::uintptr_t>(holds(*e, y));
+            const std::uintptr_t slot = reinterpret_cast<std::uintptr_t>(table + (h >> shift));
+            __builtin_prefetch(reinterpret_cast<const void*>((reinterpret_cast<std::uintptr_t>(e) & held) | (slot & ~held)));
+        };
+        const std::size_t ahead = m < kAhead ? m : kAhead;
+        for (std::size_t i = 0; i < ahead; ++i) look_ahead(i);
+        for (std::size_t i = 0; i < m; ++i) {
+            if (i + kAhead < m) look_ahead(i + kAhead);
+            const T* y = x + 3 * i;
+            const std::uint64_t h = ring[i % kRing];
+            const recent_vertex& e = recent[h & (kRecent - 1)];
+            if (holds(e, y)) {
+                node[i] = e.node;
+            } else {
+                node[i] = node_of(y, h);
+                table = table_.data();  // the table may have grown
+                shift = shift_;
             }
         }
     }
 
-    std::size_t nodes() const noexcept { return coords_.cols(); }
+    std::size_t nodes() const noexcept { return nodes_; }
     const double* coords(unsigned node) const noexcept { return coords_.col(node); }
-    dense2D<double>& coordinates() noexcept { return coords_; }
-    const zq5::detail::vec<odd_vertex>& odd() const noexcept { return odd_; }
+    // The nodes' coordinates, 3 x nodes().
+    dense2D<double>& coordinates() noexcept {
+        coords_.resize(3, nodes_);  // fewer columns: never allocates
+        return coords_;
+    }
     // Hands the table's storage over (for the grid of the tolerance check).
-    void release_table(zq5::detail::vec<slot>& to) noexcept {
+    void release_table(zq5::detail::vec<slot8>& to) noexcept {
         to.clear();
         to.swap(table_);
     }
 
 private:
-    void prefetch(std::uint64_t hash) const noexcept {
-        __builtin_prefetch(table_.data() + static_cast<std::size_t>(hash >> shift_));
+    static constexpr std::size_t kRecent = 16384;  // a power of two
+    static constexpr word kNegativeZero = float_bits<T>::kSign;
+    struct recent_vertex {
+        word key[3];
+        unsigned node;
+    };
+
+    bool same(const T* x, unsigned node) const noexcept {
+        const double* y = coords(node);
+        return static_cast<double>(x[0]) == y[0] && static_cast<double>(x[1]) == y[1] &&
+               static_cast<double>(x[2]) == y[2];
     }
-    unsigned node_of(const T* x, const word* k, std::uint64_t hash, std::size_t vertex) {
+    // The bits of a vertex, as words.
+    static void bits_of(const T* x, word k[3]) noexcept { std::memcpy(k, x, 3 * sizeof(word)); }
+    static std::uint64_t hash_bits(const T* x) noexcept {
+        word k[3];
+        bits_of(x, k);
+        return hash3(k[0], k[1], k[2]);
+    }
+    // True when the cache entry holds the bits of x.
+    static bool holds(const recent_vertex& e, const T* x) noexcept {
+        if constexpr (sizeof(word) == 4) {  // two words at once
+            std::uint64_t a, b;
+            std::memcpy(&a, x, sizeof a);
+            std::memcpy(&b, e.key, sizeof b);
+            word c;
+            std::memcpy(&c, x + 2, sizeof c);
+            return ((a ^ b) | (c ^ e.key[2]) | static_cast<std::uint64_t>(e.node == NULL_INDEX)) == 0;
+        } else {
+            word k[3];
+            bits_of(x, k);
+            return ((k[0] ^ e.key[0]) | (k[1] ^ e.key[1]) | (k[2] ^ e.key[2]) |
+                    static_cast<std::uint64_t>(e.node == NULL_INDEX)) == 0;
+        }
+    }
+    // The node of a vertex the cache does not hold; hash is that of its bits.
+    unsigned node_of(const T* x, std::uint64_t hash) {
+        word k[3];
+        bits_of(x, k);
         constexpr word e = float_bits<T>::kExponent;
         if ((k[0] & e) == e || (k[1] & e) == e || (k[2] & e) == e) return append(x);  // not finite
+        if (((k[0] << 1) == 0) | ((k[1] << 1) == 0) | ((k[2] << 1) == 0)) {  // a zero: -0.0 as 0.0
+            for (int r = 0; r < 3; ++r) k[r] = k[r] == kNegativeZero ? 0 : k[r];
+            hash = hash3(k[0], k[1], k[2]);
+        }
+        recent_vertex& last = recent_[hash & (kRecent - 1)];
+        if (last.node != NULL_INDEX && last.key[0] == k[0] && last.key[1] == k[1] && last.key[2] == k[2])
+            return last.node;  // a vertex with -0.0, held under 0.0
+        const std::uint32_t tag = static_cast<std::uint32_t>(hash);
         std::size_t i = static_cast<std::size_t>(hash >> shift_);
-        for (;;) {
-            const slot& s = table_[i];
+        unsigned found = NULL_INDEX;
+        for (;; i = (i + 1) & mask_) {
+            const slot8& s = table_[i];
             if (s.node == NULL_INDEX) break;
-            if (s.key[0] == k[0] && s.key[1] == k[1] && s.key[2] == k[2]) {
-                if ((k[0] == 0) | (k[1] == 0) | (k[2] == 0)) note_sign(x, s.node, vertex);
-                return s.node;
+            if (s.tag == tag && same(x, s.node)) {
+                found = s.node;
+                break;
             }
-            i = (i + 1) & mask_;
         }
-        if (nodes() + 1 > limit_) {
-            rehash(2 * table_.size());
-            i = static_cast<std::size_t>(hash >> shift_);
-            while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
+        if (found == NULL_INDEX) {
+            if (nodes_ + 1 > limit_) {
+                rehash(2 * table_.size());
+                i = static_cast<std::size_t>(hash >> shift_);
+                while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
+            }
+            found = append(x);
+            table_[i] = slot8{tag, found};
         }
-        const unsigned node = append(x);
-        slot& s = table_[i];
-        for (int r = 0; r < 3; ++r) s.key[r] = k[r];
-        s.node = node;
-        return node;
+        for (int r = 0; r < 3; ++r) last.key[r] = k[r];
+        last.node = found;
+        return found;
     }
     unsigned append(const T* x) {
-        const std::size_t node = coords_.cols();
-        if (!coords_.resize(3, node + 1)) throw std::bad_alloc();
-        double* c = coords_.col(node);
+        if (nodes_ == coords_.cols()) {
+            const std::size_t more = nodes_ < 1024 ? 1024 : nodes_;
+            if (nodes_ + more >= NULL_INDEX || !coords_.resize(3, nodes_ + more)) throw std::bad_alloc();
+        }
+        double* c = coords_.col(nodes_);
         for (int r = 0; r < 3; ++r) c[r] = static_cast<double>(x[r]);
-        return static_cast<unsigned>(node);
+        return static_cast<unsigned>(nodes_++);
     }
-    void note_sign(const T* x, unsigned node, std::size_t vertex) {
-        const double* y = coords(node);
-        for (int r = 0; r < 3; ++r)
-            if (std::signbit(x[r]) != std::signbit(y[r])) {
-                odd_.push_back(odd_vertex{static_cast<unsigned>(vertex), {x[0], x[1], x[2]}});
-                return;
-            }
+    // The table's hash of a node (its coordinates came from T values).
+    std::uint64_t hash_of(unsigned node) const noexcept {
+        word k[3];
+        for (int r = 0; r < 3; ++r) {
+            const T x = static_cast<T>(coords(node)[r]);
+            std::memcpy(&k[r], &x, sizeof x);
+            if (k[r] == kNegativeZero) k[r] = 0;
+        }
+        return hash3(k[0], k[1], k[2]);
     }
     void rehash(std::size_t size) {
-        zq5::detail::vec<slot> old(size, slot{{0, 0, 0}, NULL_INDEX});
+        zq5::detail::vec<slot8> old(size, slot8{0, NULL_INDEX});
         old.swap(table_);
         mask_ = size - 1;
         shift_ = shift_for(size);
         limit_ = size / 10 * 6;  // load factor 0.6
-        for (const slot& s : old) {
+        for (const slot8& s : old) {
             if (s.node == NULL_INDEX) continue;
-            std::size_t i = static_cast<std::size_t>(hash3(s.key[0], s.key[1], s.key[2]) >> shift_);
+            std::size_t i = static_cast<std::size_t>(hash_of(s.node) >> shift_);
             while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
             table_[i] = s;
         }
     }
 
-    zq5::detail::vec<slot> table_;
+    zq5::detail::vec<slot8> table_;
     std::size_t mask_ = 0, limit_ = 0;
     unsigned shift_ = 64;
-    dense2D<double> coords_;  // 3 x nodes, the coordinates of each node's first vertex
-    zq5::detail::vec<odd_vertex> odd_;
+    zq5::detail::vec<recent_vertex> recent_;
+    dense2D<double> coords_;  // 3 x capacity; the first nodes_ columns hold the nodes
+    std::size_t nodes_ = 0;
 };
 
 // Facets read so far (each vertex as its node) and the smallest positive facet
@@ -286,18 +398,30 @@ struct facets {
     // Node indices are 32-bit: at most (2^32 - 2) / 3 facets.
     bool grow(std::size_t more) noexcept {
         if (more > (NULL_INDEX - 1) / 3 - count) return false;
+        if (more > 1 && !connect.reserve(3, count + more)) return false;  // a known count: no room to spare
         return connect.resize(3, count + more);
     }
     // Adds the m facets of vertices v[0..2], v[3..5], v[6..8], then v[9..11] ...
     // (room made by grow).  Throws std::bad_alloc.
     void add(const T* v, std::size_t m) {
-        for (std::size_t j = 0; j < m; ++j) {
-            double x[9];
-            for (int k = 0; k < 9; ++k) x[k] = static_cast<double>(v[9 * j + k]);
-            const double h = facet_measure(x, x + 3, x + 6);
-            if (h > 0.0 && h < min_measure) min_measure = h;
+        unsigned char far[kScreen];
+        for (std::size_t first = 0; first < m; first += kScreen) {
+            const std::size_t n = m - first < kScreen ? m - first : kScreen;
+            const T* w = v + 9 * first;
+            if constexpr (std::is_same<T, float>::value) {
+                screen(w, n, min_measure, far);
+            } else {
+                for (std::size_t j = 0; j < n; ++j) far[j] = clearly_above(w + 9 * j, min_measure);
+            }
+            for (std::size_t j = 0; j < n; ++j) {
+                if (far[j]) continue;
+                double x[9];
+                for (int k = 0; k < 9; ++k) x[k] = static_cast<double>(w[9 * j + k]);
+                const double h = facet_measure(x, x + 3, x + 6);
+                if (h > 0.0 && h < min_measure) min_measure = h;
+            }
         }
-        nodes.nodes_of(v, 3 * m, 3 * count, connect.col(count));
+        nodes.nodes_of(v, 3 * m, connect.col(count));
         count += m;
     }
 };
@@ -639,108 +763,147 @@ int merge_facets(dense2D<double>& pos, std::size_t n, double h2, dense2D<unsigne
     return 0;
 }
 
+// Cell width of the tolerance check, in tolerances: wide cells keep most nodes
+// away from the sides, so most nodes look into their own cell only.
+constexpr double kCellWidth = 64.0;
+
 // True when two nodes (finite ones) lie within `tol` of each other, or a little
 // beyond (a relative 1e-6, so rounding can only send a mesh to the full merge,
 // never spare it one), and when the coordinates are too large for the grid.  The
 // nodes are distinct positions, so any such pair would merge under the tolerance.
-// The search is a hash grid of cells 8 tol wide, filled in node order; a node is
-// compared with the nodes already in its cell and, when it lies within tol of a
-// side, in the next cell along that axis.  Throws std::bad_alloc.
+// The search is a hash grid of cells kCellWidth tol wide, filled in node order; a
+// node is compared with the nodes already in its cell and, when it lies within
+// tol of a side, in the next cell along that axis.  Throws std::bad_alloc.
 template <class T>
-bool near_nodes(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<slot16>& table) {
+bool near_nodes(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<slot8>& table) {
     if (!(tol > 0.0)) return true;
     const std::size_t m = nodes.nodes();
     const double threshold = tol * tol * (1.0 + 1e-6);
-    const double width = 8.0 * tol;
-    const double reach = 0.125 * 1.01;  // tol as a fraction of the width, with room
-    constexpr double kLimit = 2.0e9;    // cell numbers must fit in 32 bits
+    const double width = kCellWidth * tol;
+    const double reach = 1.01 / kCellWidth;  // tol as a fraction of the width, with room
+    constexpr double kLimit = 2.0e9;         // cell numbers must fit in 32 bits
     std::size_t size = 16;
     while (size < 2 * m) size *= 2;
     const unsigned shift = shift_for(size);
     const std::size_t mask = size - 1;
-    table.assign(size, slot16{{0, 0, 0}, NULL_INDEX});  // key: the cell, node: its last node
-    zq5::detail::vec<unsigned> next(m, NULL_INDEX);     // the node before, in the same cell
+    table.assign(size, slot8{0, NULL_INDEX});        // node: the cell's last node
+    zq5::detail::vec<unsigned> next(m, NULL_INDEX);  // the node before, in the same cell
+    // The cell of position x (false beyond the grid) and where x lies in it.
+    // (floor by truncation: below kLimit the conversion is exact.)
+    const double scale = 1.0 / width;
+    auto cell_of = [scale](const double* x, std::uint32_t k[3], double f[3]) noexcept {
+        const double q[3] = {x[0] * scale, x[1] * scale, x[2] * scale};
+        if (!((std::fabs(q[0]) < kLimit) & (std::fabs(q[1]) < kLimit) & (std::fabs(q[2]) < kLimit))) return false;
+        for (int r = 0; r < 3; ++r) {
+            std::int64_t t = static_cast<std::int64_t>(q[r]);
+            t -= static_cast<std::int64_t>(static_cast<double>(t) > q[r]);
+            f[r] = q[r] - static_cast<double>(t);
+            k[r] = static_cast<std::uint32_t>(static_cast<std::int32_t>(t));
+        }
+        return true;
+    };
     // Slot of cell k (the empty slot where it would go when it holds no node).
     auto slot_of = [&](const std::uint32_t k[3], std::uint64_t hash) {
+        const std::uint32_t tag = static_cast<std::uint32_t>(hash);
         std::size_t slot = static_cast<std::size_t>(hash >> shift);
-        while (table[slot].node != NULL_INDEX) {
-            const slot16& c = table[slot];
-            if (c.key[0] == k[0] && c.key[1] == k[1] && c.key[2] == k[2]) break;
-            slot = (slot + 1) & mask;
+        for (;; slot = (slot + 1) & mask) {
+            const slot8& s = table[slot];
+            if (s.node == NULL_INDEX) return slot;
+            if (s.tag != tag) continue;
+            std::uint32_t h[3] = {0, 0, 0};
+            double f[3];
+            cell_of(nodes.coords(s.node), h, f);
+            if (h[0] == k[0] && h[1] == k[1] && h[2] == k[2]) return slot;
         }
-        return slot;
     };
-    // Nodes go by batches: first the cells each node looks into (its own first),
-    // their slots fetched, then the comparisons.
-    constexpr std::size_t kBatch = 32;
+    // The cells a node looks into (its own first) are found, and their slots
+    // fetched, a few nodes ahead of the comparisons.
+    constexpr std::size_t kAhead = 16, kRing = 32;
     struct look {
         std::uint32_t k[3];
         std::uint64_t hash;
     };
-    look cells[kBatch * 8];
-    unsigned count[kBatch];
-    for (std::size_t first = 0; first < m; first += kBatch) {
-        const std::size_t b = m - first < kBatch ? m - first : kBatch;
-        for (std::size_t i = 0; i < b; ++i) {
-            count[i] = 0;
-            const double* x = nodes.coords(static_cast<unsigned>(first + i));
-            if (!std::isfinite(x[0]) || !std::isfinite(x[1]) || !std::isfinite(x[2])) continue;
-            std::int32_t k[3];
-            int lo[3], hi[3];
-            for (int r = 0; r < 3; ++r) {
-                const double q = x[r] / width;
-                if (!(std::fabs(q) < kLimit)) return true;
-                const double fl = std::floor(q);
-                const double f = q - fl;
-                k[r] = static_cast<std::int32_t>(fl);
-                const double slack = reach + 1e-9 + std::fabs(q) * 1e-15;
-                lo[r] = f < slack ? -1 : 0;
-                hi[r] = 1.0 - f < slack ? 1 : 0;
-            }
-            look* c = cells + 8 * i;
-            c[0] = look{{static_cast<std::uint32_t>(k[0]), static_cast<std::uint32_t>(k[1]),
-                         static_cast<std::uint32_t>(k[2])},
-                        0};
-            unsigned n = 1;
-            for (int dx = lo[0]; dx <= hi[0]; ++dx)
-                for (int dy = lo[1]; dy <= hi[1]; ++dy)
-                    for (int dz = lo[2]; dz <= hi[2]; ++dz)
-                        if (dx != 0 || dy != 0 || dz != 0)
-                            c[n++] = look{{static_cast<std::uint32_t>(k[0] + dx), static_cast<std::uint32_t>(k[1] + dy),
-                                           static_cast<std::uint32_t>(k[2] + dz)},
-                                          0};
-            for (unsigned j = 0; j < n; ++j) {
-                c[j].hash = hash3(c[j].k[0], c[j].k[1], c[j].k[2]);
-                __builtin_prefetch(table.data() + static_cast<std::size_t>(c[j].hash >> shift));
-            }
-            count[i] = n;
+    struct node_looks {
+        unsigned count;  // 0: a node left out (not finite)
+        look cells[8];
+    };
+    node_looks ring[kRing];
+    // False when node v lies beyond the grid.
+    auto prepare = [&](std::size_t v) {
+        node_looks& L = ring[v % kRing];
+        const double* x = nodes.coords(static_cast<unsigned>(v));
+        std::uint32_t k[3];
+        double f[3];
+        if (!cell_of(x, k, f)) {
+            L.count = 0;
+            // A coordinate that is not finite leaves the node out; a finite one
+            // beyond the grid ends the search.
+            return !(std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]));
         }
-        for (std::size_t i = 0; i < b; ++i) {
-            if (count[i] == 0) continue;
-            const unsigned v = static_cast<unsigned>(first + i);
-            const double* x = nodes.coords(v);
-            const look* c = cells + 8 * i;
-            std::size_t own = 0;
-            for (unsigned j = 0; j < count[i]; ++j) {
-                const std::size_t slot = slot_of(c[j].k, c[j].hash);
-                if (j == 0) own = slot;
-                for (unsigned u = table[slot].node; u != NULL_INDEX; u = next[u]) {
-                    const double* y = nodes.coords(u);
-                    const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
-                    if (d0 * d0 + d1 * d1 + d2 * d2 <= threshold) return true;
-                }
-            }
-            slot16& o = table[own];
-            if (o.node == NULL_INDEX)
-                for (int r = 0; r < 3; ++r) o.key[r] = c[0].k[r];
-            next[v] = o.node;
-            o.node = v;
+        look* c = L.cells;
+        c[0] = look{{k[0], k[1], k[2]}, hash3(k[0], k[1], k[2])};
+        __builtin_prefetch(table.data() + static_cast<std::size_t>(c[0].hash >> shift));
+        L.count = 1;
+        // Sides within the tolerance (with room for rounding): bit 2r below, 2r+1 above.
+        unsigned sides = 0;
+        for (int r = 0; r < 3; ++r) {
+            const double slack = reach + 1e-9 + std::fabs(x[r] * scale) * 1e-15;
+            sides |= static_cast<unsigned>(f[r] < slack) << (2 * r);
+            sides |= static_cast<unsigned>(1.0 - f[r] < slack) << (2 * r + 1);
         }
+        if (sides == 0) return true;
+        int lo[3], hi[3];
+        for (int r = 0; r < 3; ++r) {
+            lo[r] = -static_cast<int>(sides >> (2 * r) & 1);
+            hi[r] = static_cast<int>(sides >> (2 * r + 1) & 1);
+        }
+        unsigned n = 1;
+        for (int dx = lo[0]; dx <= hi[0]; ++dx)
+            for (int dy = lo[1]; dy <= hi[1]; ++dy)
+                for (int dz = lo[2]; dz <= hi[2]; ++dz)
+                    if (dx != 0 || dy != 0 || dz != 0) {
+                        const std::uint32_t q[3] = {k[0] + dx, k[1] + dy, k[2] + dz};
+                        c[n] = look{{q[0], q[1], q[2]}, hash3(q[0], q[1], q[2])};
+                        __builtin_prefetch(table.data() + static_cast<std::size_t>(c[n].hash >> shift));
+                        ++n;
+                    }
+        L.count = n;
+        return true;
+    };
+    // True when node v lies within the tolerance of an earlier node.
+    auto compare = [&](std::size_t v) {
+        const node_looks& L = ring[v % kRing];
+        if (L.count == 0) return false;
+        const double* x = nodes.coords(static_cast<unsigned>(v));
+        std::size_t own = 0;
+        for (unsigned j = 0; j < L.count; ++j) {
+            const std::size_t slot = slot_of(L.cells[j].k, L.cells[j].hash);
+            if (j == 0) own = slot;
+            for (unsigned u = table[slot].node; u != NULL_INDEX; u = next[u]) {
+                const double* y = nodes.coords(u);
+                const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
+                if (d0 * d0 + d1 * d1 + d2 * d2 <= threshold) return true;
+            }
+        }
+        slot8& o = table[own];
+        if (o.node == NULL_INDEX) o.tag = static_cast<std::uint32_t>(L.cells[0].hash);
+        next[v] = o.node;
+        o.node = static_cast<unsigned>(v);
+        return false;
+    };
+    for (std::size_t v = 0; v < m && v < kAhead; ++v)
+        if (!prepare(v)) return true;
+    for (std::size_t v = 0; v < m; ++v) {
+        if (v + kAhead < m && !prepare(v + kAhead)) return true;
+        if (compare(v)) return true;
     }
     return false;
 }
 
-// The facets as read, one vertex per column with the bits it was read with.
+// The facets as read, one vertex per column.  A vertex gets its node's coordinates,
+// which differ from its own only in the signs of zeros: the merges map a vertex
+// onto the earliest coincident one (it is nearer than anything else and comes
+// first), so only the bits of a node's first vertex can reach the result.
 template <class T>
 bool facet_vertices(const facets<T>& in, dense2D<double>& pos) noexcept {
     if (!pos.resize(3, 3 * in.count)) return false;
@@ -750,8 +913,6 @@ bool facet_vertices(const facets<T>& in, dense2D<double>& pos) noexcept {
             double* x = pos.col(3 * j + k);
             for (int r = 0; r < 3; ++r) x[r] = static_cast<double>(y[r]);
         }
-    for (const auto& odd : in.nodes.odd())
-        for (int r = 0; r < 3; ++r) pos(r, odd.vertex) = static_cast<double>(odd.x[r]);
     return true;
 }
 
@@ -768,8 +929,8 @@ int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM
     bool near = true;
     if (h2 > 0.0 && std::isfinite(h2)) {
         try {
-            zq5::detail::vec<slot16> table;
-            if constexpr (std::is_same<T, float>::value) in.nodes.release_table(table);
+            zq5::detail::vec<slot8> table;
+            in.nodes.release_table(table);
             near = near_nodes(in.nodes, kRelativeTolerance * std::sqrt(h2), table);
         } catch (const std::bad_alloc&) {
             return kNoMemory;
