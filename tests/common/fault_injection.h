@@ -39,6 +39,15 @@ unsigned long long for_each_allocation_failure(Setup setup, Call call, Check che
     return 0;
 }
 
+/// As for_each_allocation_failure with an int status, expecting at least one
+/// failing run; returns the status of the run that no failure reached.
+template <class Setup, class Call, class Check>
+int status_under_failures(Setup setup, Call call, Check check) {
+    int status = 1;
+    EXPECT_GE(for_each_allocation_failure(setup, call, check, status), 1u);
+    return status;
+}
+
 /// Arms a single failure for the lifetime of the object (the n-th allocation).
 class scoped_allocation_failure {
 public:

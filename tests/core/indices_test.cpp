@@ -37,14 +37,7 @@ matrix strided(const matrix& m, unsigned filler) {
     return parent.sub_matrix(0, 0, m.rows(), m.cols());
 }
 
-// Runs call() with each of its allocations failing in turn, check(status) after
-// every failed run; returns the status of the run that no failure reached.
-template <class Setup, class Call, class Check>
-int status_under_failures(Setup setup, Call call, Check check) {
-    int status = 1;
-    EXPECT_GE(nodara_test::for_each_allocation_failure(setup, call, check, status), 1u);
-    return status;
-}
+using nodara_test::status_under_failures;
 
 // ---------------------------------------------------------------------------
 // check_IDs

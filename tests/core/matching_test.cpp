@@ -57,14 +57,7 @@ matrix far(const matrix& m, unsigned add = kFar, bool strided = false, unsigned 
 }
 matrix strided_copy(const matrix& m, unsigned filler) { return far(m, 0, true, filler); }
 
-// Runs call() with each of its allocations failing in turn, check(status) after
-// every failed run; returns the status of the run that no failure reached.
-template <class Setup, class Call, class Check>
-int status_under_failures(Setup setup, Call call, Check check) {
-    int status = 1;
-    EXPECT_GE(nodara_test::for_each_allocation_failure(setup, call, check, status), 1u);
-    return status;
-}
+using nodara_test::status_under_failures;
 
 TEST(IndexHash, DocumentedValuesAndGrowthAtLoadOne) {
     EXPECT_EQ(detail::index_hash(NULL_INDEX), 0x1F2D9287u);
