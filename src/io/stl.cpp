@@ -223,7 +223,14 @@ public:
     // The nodes of the m vertices x[0..2], x[3..5], ... into node[0], node[1], ...
     void nodes_of(const T* x, std::size_t m, unsigned* node) {
         if (table_.empty()) rehash(1024);
-        if (recent_.empty()) recent_.assign(kRecent, recent_vertex{{0, 0, 0}, NULL_INDEX});
+        // The cache grows with the mesh up to its full size (starting afresh: it
+        // only ever holds copies).
+        if (recent_.size() < kRecent && recent_.size() < 4 * (nodes_ + m)) {
+            std::size_t size = 256;
+            while (size < kRecent && size < 4 * (nodes_ + m)) size *= 2;
+            recent_.assign(size, recent_vertex{{0, 0, 0}, NULL_INDEX});
+            recent_mask_ = size - 1;
+        }
         // The table slot of a vertex the cache does not hold is fetched a few
         // vertices ahead (without a branch: a held vertex fetches its entry again);
         // the hashes wait in a ring.
@@ -236,7 +243,7 @@ public:
             const T* y = x + 3 * i;
             const std::uint64_t h = hash_bits(y);
             ring[i % kRing] = h;
-            const recent_vertex* e = recent + (h & (kRecent - 1));
+            const recent_vertex* e = recent + (h & recent_mask_);
             const std::uintptr_t held = 0 - static_cast<std::uintptr_t>(holds(*e, y));
             const std::uintptr_t slot = reinterpret_cast<std::uintptr_t>(table + (h >> shift));
             __builtin_prefetch(reinterpret_cast<const void*>((reinterpret_cast<std::uintptr_t>(e) & held) | (slot & ~held)));
@@ -247,7 +254,7 @@ public:
             if (i + kAhead < m) look_ahead(i + kAhead);
             const T* y = x + 3 * i;
             const std::uint64_t h = ring[i % kRing];
-            const recent_vertex& e = recent[h & (kRecent - 1)];
+            const recent_vertex& e = recent[h & recent_mask_];
             if (holds(e, y)) {
                 node[i] = e.node;
             } else {
@@ -272,7 +279,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kRecent = 16384;  // a power of two
+    static constexpr std::size_t kRecent = 16384;  // entries at most, a power of two
     static constexpr word kNegativeZero = float_bits<T>::kSign;
     struct recent_vertex {
         word key[3];
@@ -317,7 +324,7 @@ private:
             for (int r = 0; r < 3; ++r) k[r] = k[r] == kNegativeZero ? 0 : k[r];
             hash = hash3(k[0], k[1], k[2]);
         }
-        recent_vertex& last = recent_[hash & (kRecent - 1)];
+        recent_vertex& last = recent_[hash & recent_mask_];
         if (last.node != NULL_INDEX && last.key[0] == k[0] && last.key[1] == k[1] && last.key[2] == k[2])
             return last.node;  // a vertex with -0.0, held under 0.0
         const std::uint32_t tag = static_cast<std::uint32_t>(hash);
@@ -381,6 +388,7 @@ private:
     std::size_t mask_ = 0, limit_ = 0;
     unsigned shift_ = 64;
     zq5::detail::vec<recent_vertex> recent_;
+    std::size_t recent_mask_ = 0;
     dense2D<double> coords_;  // 3 x capacity; the first nodes_ columns hold the nodes
     std::size_t nodes_ = 0;
 };
