@@ -608,119 +608,6 @@ void merge_coincident(const dense2D<double>& pos, dense2D<unsigned>& block) {
     }
 }
 
-// Looks for nodes of `connect` closer than `tol` to each other.  `near_pairs`
-// when two distinct positions lie within tol (or when the coordinates are too
-// large for the grid: the caller then runs the full merge).  Otherwise
-// `only_coincident`, and first[v] is the smallest node with the coordinates of
-// v (v itself when none).  Nodes with a coordinate that is not finite are left
-// out: their distance to anything is NaN or infinite, so they never merge.
-// The search is a hash grid of cells 8 tol wide; a node looks into the next cell
-// along an axis only when it lies within tol of that side.  Pairs are flagged a
-// little beyond tol (a relative 1e-6), so rounding can only send a mesh to the
-// full merge, never spare it one.  Throws std::bad_alloc.
-enum class proximity { only_coincident, near_pairs };
-
-proximity find_near_nodes(const dense2D<double>& pos, const dense2D<unsigned>& connect, double tol,
-                          zq5::detail::vec<unsigned>& first) {
-    const std::size_t nodes = pos.cols();
-    zq5::detail::vec<unsigned char> used(nodes, 0);
-    for (std::size_t j = 0; j < connect.cols(); ++j)
-        for (std::size_t k = 0; k < 3; ++k) used[connect(k, j)] = 1;
-    zq5::detail::vec<unsigned> list;
-    for (std::size_t v = 0; v < nodes; ++v) {
-        const double* x = pos.col(v);
-        if (used[v] && std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]))
-            list.push_back(static_cast<unsigned>(v));
-    }
-    first.resize(nodes);
-    for (std::size_t v = 0; v < nodes; ++v) first[v] = static_cast<unsigned>(v);
-    if (!(tol > 0.0)) return proximity::near_pairs;
-
-    const double threshold = tol * tol * (1.0 + 1e-6);
-    const double width = 8.0 * tol;
-    const double reach = 0.125 * 1.01;  // tol as a fraction of the width, with room
-    constexpr double kLimit = 4.6e18;   // cell numbers must fit in 64 bits
-    struct cell {
-        std::int64_t k[3] = {0, 0, 0};
-        unsigned head;
-    };
-    const std::size_t m = list.size();
-    std::size_t size = 16;
-    while (size < 2 * m) size *= 2;
-    const std::size_t mask = size - 1;
-    zq5::detail::vec<unsigned> table(size, NULL_INDEX);  // index into cells
-    zq5::detail::vec<cell> cells;
-    zq5::detail::vec<unsigned> next(m, NULL_INDEX);      // next node of the same cell, by list position
-    cells.reserve(m);
-    auto slot_of = [&](const std::int64_t k[3]) {
-        std::uint64_t h = 0;
-        for (int r = 0; r < 3; ++r) h = mix64(h + static_cast<std::uint64_t>(k[r]));
-        std::size_t slot = static_cast<std::size_t>(h) & mask;
-        while (table[slot] != NULL_INDEX) {
-            const cell& c = cells[table[slot]];
-            if (c.k[0] == k[0] && c.k[1] == k[1] && c.k[2] == k[2]) break;
-            slot = (slot + 1) & mask;
-        }
-        return slot;
-    };
-    auto cell_of = [&](const double* x, std::int64_t k[3], double f[3]) {
-        for (int r = 0; r < 3; ++r) {
-            const double q = x[r] / width;
-            if (!(std::fabs(q) < kLimit)) return false;
-            const double fl = std::floor(q);
-            k[r] = static_cast<std::int64_t>(fl);
-            f[r] = q - fl;
-        }
-        return true;
-    };
-    for (std::size_t i = 0; i < m; ++i) {
-        std::int64_t k[3] = {0, 0, 0};
-        double f[3] = {0, 0, 0};
-        if (!cell_of(pos.col(list[i]), k, f)) return proximity::near_pairs;
-        const std::size_t slot = slot_of(k);
-        if (table[slot] == NULL_INDEX) {
-            table[slot] = static_cast<unsigned>(cells.size());
-            cells.push_back(cell{{k[0], k[1], k[2]}, NULL_INDEX});
-        }
-        cell& c = cells[table[slot]];
-        next[i] = c.head;
-        c.head = static_cast<unsigned>(i);
-    }
-    for (std::size_t i = 0; i < m; ++i) {
-        const unsigned v = list[i];
-        const double* x = pos.col(v);
-        std::int64_t k[3] = {0, 0, 0};
-        double f[3] = {0, 0, 0};
-        cell_of(x, k, f);
-        int lo[3], hi[3];
-        for (int r = 0; r < 3; ++r) {
-            const double slack = reach + 1e-9 + std::fabs(x[r] / width) * 1e-15;
-            lo[r] = f[r] < slack ? -1 : 0;
-            hi[r] = 1.0 - f[r] < slack ? 1 : 0;
-        }
-        for (int dx = lo[0]; dx <= hi[0]; ++dx)
-            for (int dy = lo[1]; dy <= hi[1]; ++dy)
-                for (int dz = lo[2]; dz <= hi[2]; ++dz) {
-                    const std::int64_t q[3] = {k[0] + dx, k[1] + dy, k[2] + dz};
-                    const unsigned t = table[slot_of(q)];
-                    if (t == NULL_INDEX) continue;
-                    for (unsigned j = cells[t].head; j != NULL_INDEX; j = next[j]) {
-                        const unsigned u = list[j];
-                        if (u == v) continue;
-                        const double* y = pos.col(u);
-                        const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
-                        const double d = d0 * d0 + d1 * d1 + d2 * d2;
-                        if (d0 == 0.0 && d1 == 0.0 && d2 == 0.0) {
-                            if (u < first[v]) first[v] = u;
-                        } else if (d <= threshold) {
-                            return proximity::near_pairs;
-                        }
-                    }
-                }
-    }
-    return proximity::only_coincident;
-}
-
 // Builds the facet connectivity of the n facets of `pos` (vertices 3j, 3j+1,
 // 3j+2), merges the vertices and cleans the mesh, as the public operations do.
 // 0 or a negative status.
@@ -732,32 +619,20 @@ int merge_facets(dense2D<double>& pos, std::size_t n, double h2, dense2D<unsigne
     }
     if (!(h2 > 0.0) || !std::isfinite(h2)) return 0;
 
-    // Exactly coincident vertices, block by block (a cheap first reduction); then
-    // every node within the tolerance.  When no two distinct positions lie within
-    // the tolerance, merging reduces to mapping the coincident nodes left by the
-    // blocks onto the first of them in the node list, which here is the smallest
-    // index (each block keeps the first node of its own range).
-    const double tol = kRelativeTolerance * std::sqrt(h2);
-    proximity near = proximity::near_pairs;
+    // Exactly coincident vertices, block by block, then every node within the
+    // tolerance.  (The caller comes here only when some distinct positions lie
+    // within it, or positions lie beyond the grid of its nearness check.)
     try {
         for (std::size_t first = 0; first < n; first += kMergeBlock) {
             const std::size_t cols = n - first < kMergeBlock ? n - first : kMergeBlock;
             dense2D<unsigned> block = connectM.sub_matrix(0, first, 3, cols);
             merge_coincident(pos, block);
         }
-        zq5::detail::vec<unsigned> first;
-        near = find_near_nodes(pos, connectM, tol, first);
-        if (near == proximity::only_coincident)
-            for (std::size_t j = 0; j < n; ++j)
-                for (std::size_t k = 0; k < 3; ++k) connectM(k, j) = first[connectM(k, j)];
     } catch (const std::bad_alloc&) {
         return kNoMemory;
     }
-    int r = 0;
-    if (near == proximity::near_pairs) {
-        r = merge(pos, connectM, tol, 0u);
-        if (r < 0) return r;
-    }
+    int r = merge(pos, connectM, kRelativeTolerance * std::sqrt(h2), 0u);
+    if (r < 0) return r;
     r = remove_degenerated(connectM, false);
     if (r < 0) return r;
     r = simplify(pos, connectM, 0u);

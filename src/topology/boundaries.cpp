@@ -45,11 +45,8 @@ bool same_face(const unsigned* column, std::size_t rows, const unsigned* face, u
 int get_element_boundaries(const dense2D<unsigned>& connectM, element_type FE_type,
                            dense2D<unsigned>& boundaries) noexcept {
     if (connectM.entries() == 0) return 0;
-    const std::size_t r = connectM.rows();
-    const element_type type = detail::substitute_by_rows(FE_type, r);
-    if (!check_IDs(connectM, type, NULL_INDEX)) return -1;
-    if (!detail::is_processed_linear(type)) return -2;
-    if (r != nbr_nodes(type)) return -1;
+    const element_type type = detail::substitute_by_rows(FE_type, connectM.rows());
+    if (const int status = detail::check_linear_connectivity(connectM, type)) return status;
     const unsigned brows = detail::boundary_rows(type);
     if (boundaries.entries() > 0 && boundaries.rows() != brows) return -2;
     detail::prepare_appended(boundaries, brows);

@@ -22,6 +22,16 @@ inline const shape* column_shape(element_type type, const unsigned* column) noex
     return linear_shape(column_kind(type, column));
 }
 
+/// The first checks of a connectivity of a linear kind, in this order: its indices
+/// for `type` (the kind substituted by rows; -1), a kind the boundary functions
+/// process (-2), as many rows as the kind has nodes (-1).  0 when all pass.
+inline int check_linear_connectivity(const dense2D<unsigned>& connectM, element_type type) noexcept {
+    if (!check_IDs(connectM, type, NULL_INDEX)) return -1;
+    if (!is_processed_linear(type)) return -2;
+    if (connectM.rows() != nbr_nodes(type)) return -1;
+    return 0;
+}
+
 /// Writes the nodes of local boundary `b` of `column` into out[0 .. b.size - 1] and
 /// NULL_INDEX into the slots up to `slots`; returns b.size.
 inline unsigned boundary_nodes(const local_boundary& b, const unsigned* column, unsigned* out,

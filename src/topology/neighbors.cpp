@@ -317,13 +317,10 @@ int get_neighbors(const dense2D<unsigned>& connectM, element_type FE_type, bool 
                   dense2D<unsigned>& neighbors) noexcept {
     neighbors.resize(0, 0);
     if (connectM.entries() == 0) return 0;
-    const std::size_t r = connectM.rows();
-    const element_type type = detail::substitute_by_rows(FE_type, r);
-    if (!check_IDs(connectM, type, NULL_INDEX)) return -1;
+    const element_type type = detail::substitute_by_rows(FE_type, connectM.rows());
     // The supported types are the linear kinds of the boundary functions; a face
     // has as many slots as a boundary column of the type has rows.
-    if (!detail::is_processed_linear(type)) return -2;
-    if (r != nbr_nodes(type)) return -1;
+    if (const int status = detail::check_linear_connectivity(connectM, type)) return status;
     const unsigned F = nbr_boundaries(type);
     const unsigned slots = detail::boundary_rows(type);
     const std::size_t E = connectM.cols();
