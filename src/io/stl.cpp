@@ -123,22 +123,19 @@ bool clearly_above(const double* x, double bound) noexcept {
 }
 
 // Facets of single-precision vertices whose measure is certainly above `bound`,
-// found several at a time: far[j] is 1 for such a facet of v (9 floats per facet,
-// m at most kScreen).  In single precision the one-cross-product value moves by a
-// relative 1e-4 at most while the facet is not nearly flat (|cross|^2 at least
-// 1e-4 L^2) and its squared sides lie between 1e-15 and 1e15; the margin is 1e-3.
-// Bounds far from 1 (beyond 1e-20 .. 1e20) mark no facet.
-constexpr std::size_t kScreen = 256;
-void screen(const float* v, std::size_t m, double bound, unsigned char* far) noexcept {
+// found several at a time: far[j] is 1 for such a facet j < m, whose coordinate k
+// (x0, y0, z0, x1, ... z2) is x[k][j].  In single precision the one-cross-product
+// value moves by a relative 1e-4 at most while the facet is not nearly flat
+// (|cross|^2 at least 1e-4 L^2) and its squared sides lie between 1e-15 and 1e15;
+// the margin is 1e-3.  Bounds far from 1 (beyond 1e-20 .. 1e20) mark no facet.
+constexpr std::size_t kScreen = 256;  // facets screened at a time
+void screen(const float* const x[9], std::size_t m, double bound, unsigned char* far) noexcept {
     const double b = bound * (1.0 + 1e-3);
     if (!(b >= 1e-20 && b <= 1e20)) {
         std::memset(far, 0, m);
         return;
     }
     const float bf = static_cast<float>(b);
-    float x[9][kScreen];  // coordinate k of facet j in x[k][j]
-    for (std::size_t j = 0; j < m; ++j)
-        for (int k = 0; k < 9; ++k) x[k][j] = v[9 * j + k];
     for (std::size_t j = 0; j < m; ++j) {
         const float ax = x[3][j] - x[0][j], ay = x[4][j] - x[1][j], az = x[5][j] - x[2][j];
         const float bx = x[6][j] - x[0][j], by = x[7][j] - x[1][j], bz = x[8][j] - x[2][j];
@@ -156,7 +153,7 @@ void screen(const float* v, std::size_t m, double bound, unsigned char* far) noe
 // ---------------------------------------------------------------------------
 // Coincident vertices, grouped while the facets are read.
 
-// A slot of the open-addressed tables: the low 32 bits of the key's hash (the
+// A slot of the open-addressed grid table: the low 32 bits of the key's hash (the
 // table index comes from the high bits) and a node (NULL_INDEX: empty).  A slot
 // whose tag matches is confirmed against the node's coordinates.
 struct slot8 {
@@ -198,202 +195,130 @@ unsigned shift_for(std::size_t size) noexcept {  // 64 - log2(size)
     return shift;
 }
 
-// Gives every vertex the node of the first vertex with the same coordinates, the
-// nodes numbered in the order of their first vertex.  -0.0 and 0.0 coincide; a
-// vertex with a coordinate that is not finite coincides with nothing (its distance
+// Groups the vertices of the facets, as they are read, by their coordinates: a
+// vertex joins the group of an earlier vertex with the same coordinates when that
+// one is still in a small direct-mapped cache of recent vertices (facets sharing a
+// vertex usually lie close in a file), and starts a group otherwise.  A position
+// therefore has one group or a few; the check of distinct positions joins them
+// (distinct_positions).  Groups are numbered in the order of their first vertex
+// and keep its coordinates, as doubles (3 x groups).  -0.0 and 0.0 coincide; a
+// vertex with a coordinate that is not finite is a group of its own (its distance
 // to anything is NaN or infinite).  T is float for binary files, double for ASCII
-// ones; the nodes are kept as doubles, 3 x nodes, ready to be handed out.
-// Facets sharing a vertex are usually close in a file, so the vertices seen last
-// are kept in a small direct-mapped cache that answers most lookups; the others
-// go to the hash table, fetched a few vertices ahead.  Throws std::bad_alloc.
+// ones.  Throws std::bad_alloc.
 template <class T>
 class vertex_nodes {
 public:
     using word = typename float_bits<T>::word;
+    static constexpr std::size_t kVertexBytes = 3 * sizeof(T);
 
-    // Sized for a surface of `facets` facets (about one node per two facets).
+    // Room for the groups of about `facets` facets (about 0.55 per facet in real
+    // files, where the cache answers about 82% of the vertices).
     void reserve(std::size_t facets) {
-        std::size_t size = 1024;
-        while (size < facets) size *= 2;
-        rehash(size);
-        const std::size_t nodes = facets / 2 + 16;
-        if (!coords_.reserve(3, nodes) || !coords_.resize(3, nodes)) throw std::bad_alloc();
+        if (!coords_.reserve(3, facets - facets / 4 + 16)) throw std::bad_alloc();
     }
 
-    // The nodes of the m vertices x[0..2], x[3..5], ... into node[0], node[1], ...
-    void nodes_of(const T* x, std::size_t m, unsigned* node) {
-        if (table_.empty()) rehash(1024);
+    // node[3j + k] gets the group of vertex k of facet j < m; the three vertices of
+    // facet j lie at first + j * stride (bytes), as three T triples in a row.
+    void nodes_of(const unsigned char* first, std::size_t stride, std::size_t m, unsigned* node) {
         // The cache grows with the mesh up to its full size (starting afresh: it
         // only ever holds copies).
-        if (recent_.size() < kRecent && recent_.size() < 4 * (nodes_ + m)) {
+        if (recent_.size() < kRecent && recent_.size() < 4 * (nodes_ + 3 * m)) {
             std::size_t size = 256;
-            while (size < kRecent && size < 4 * (nodes_ + m)) size *= 2;
+            while (size < kRecent && size < 4 * (nodes_ + 3 * m)) size *= 2;
             recent_.assign(size, recent_vertex{{0, 0, 0}, NULL_INDEX});
             recent_mask_ = size - 1;
+            // An empty entry holds a key that is never looked up there: (0, 0, 0),
+            // or (w, 0, 0) in the entry where (0, 0, 0) is looked up.
+            const std::size_t zero = hash3(word{0}, word{0}, word{0}) & recent_mask_;
+            word w = 1;
+            while ((hash3(w, word{0}, word{0}) & recent_mask_) == zero) ++w;
+            recent_[zero].key[0] = w;
         }
-        // The table slot of a vertex the cache does not hold is fetched a few
-        // vertices ahead (without a branch: a held vertex fetches its entry again);
-        // the hashes wait in a ring.
-        constexpr std::size_t kAhead = 64, kRing = 2 * kAhead;
-        std::uint64_t ring[kRing];
         const recent_vertex* recent = recent_.data();
-        const slot8* table = table_.data();
-        unsigned shift = shift_;
-        auto look_ahead = [&](std::size_t i) {
-            const T* y = x + 3 * i;
-            const std::uint64_t h = hash_bits(y);
-            ring[i % kRing] = h;
-            const recent_vertex* e = recent + (h & recent_mask_);
-            const std::uintptr_t held = 0 - static_cast<std::uintptr_t>(holds(*e, y));
-            const std::uintptr_t slot = reinterpret_cast<std::uintptr_t>(table + (h >> shift));
-            __builtin_prefetch(reinterpret_cast<const void*>((reinterpret_cast<std::uintptr_t>(e) & held) | (slot & ~held)));
+        const std::size_t mask = recent_mask_;
+        auto one = [&](const unsigned char* p) {
+            const std::uint64_t h = hash_bits(p);
+            const recent_vertex& e = recent[h & mask];
+            return holds(e, p) ? e.node : miss(p, h);
         };
-        const std::size_t ahead = m < kAhead ? m : kAhead;
-        for (std::size_t i = 0; i < ahead; ++i) look_ahead(i);
-        for (std::size_t i = 0; i < m; ++i) {
-            if (i + kAhead < m) look_ahead(i + kAhead);
-            const T* y = x + 3 * i;
-            const std::uint64_t h = ring[i % kRing];
-            const recent_vertex& e = recent[h & recent_mask_];
-            if (holds(e, y)) {
-                node[i] = e.node;
-            } else {
-                node[i] = node_of(y, h);
-                table = table_.data();  // the table may have grown
-                shift = shift_;
-            }
+        for (std::size_t j = 0; j < m; ++j, first += stride, node += 3) {
+            node[0] = one(first);
+            node[1] = one(first + kVertexBytes);
+            node[2] = one(first + 2 * kVertexBytes);
         }
     }
 
     std::size_t nodes() const noexcept { return nodes_; }
     const double* coords(unsigned node) const noexcept { return coords_.col(node); }
-    // The nodes' coordinates, 3 x nodes().
-    dense2D<double>& coordinates() noexcept {
-        coords_.resize(3, nodes_);  // fewer columns: never allocates
-        return coords_;
-    }
-    // Hands the table's storage over (for the grid of the tolerance check).
-    void release_table(zq5::detail::vec<slot8>& to) noexcept {
-        to.clear();
-        to.swap(table_);
-    }
+    // The coordinates of group v at data() + 3 v (null while there is none).
+    const double* data() const noexcept { return nodes_ ? coords_.col(0) : nullptr; }
 
 private:
-    static constexpr std::size_t kRecent = 16384;  // entries at most, a power of two
+    static constexpr std::size_t kRecent = 32768;  // entries at most, a power of two
     static constexpr word kNegativeZero = float_bits<T>::kSign;
     struct recent_vertex {
         word key[3];
         unsigned node;
     };
 
-    bool same(const T* x, unsigned node) const noexcept {
-        const double* y = coords(node);
-        return static_cast<double>(x[0]) == y[0] && static_cast<double>(x[1]) == y[1] &&
-               static_cast<double>(x[2]) == y[2];
-    }
-    // The bits of a vertex, as words.
-    static void bits_of(const T* x, word k[3]) noexcept { std::memcpy(k, x, 3 * sizeof(word)); }
-    static std::uint64_t hash_bits(const T* x) noexcept {
+    static std::uint64_t hash_bits(const unsigned char* p) noexcept {
         word k[3];
-        bits_of(x, k);
+        std::memcpy(k, p, sizeof k);
         return hash3(k[0], k[1], k[2]);
     }
-    // True when the cache entry holds the bits of x.
-    static bool holds(const recent_vertex& e, const T* x) noexcept {
+    // True when the cache entry holds the bits of the vertex at p (e is the entry
+    // where they are looked up).
+    static bool holds(const recent_vertex& e, const unsigned char* p) noexcept {
         if constexpr (sizeof(word) == 4) {  // two words at once
             std::uint64_t a, b;
-            std::memcpy(&a, x, sizeof a);
+            std::memcpy(&a, p, sizeof a);
             std::memcpy(&b, e.key, sizeof b);
             word c;
-            std::memcpy(&c, x + 2, sizeof c);
-            return ((a ^ b) | (c ^ e.key[2]) | static_cast<std::uint64_t>(e.node == NULL_INDEX)) == 0;
+            std::memcpy(&c, p + 2 * sizeof(word), sizeof c);
+            return ((a ^ b) | (c ^ e.key[2])) == 0;
         } else {
             word k[3];
-            bits_of(x, k);
-            return ((k[0] ^ e.key[0]) | (k[1] ^ e.key[1]) | (k[2] ^ e.key[2]) |
-                    static_cast<std::uint64_t>(e.node == NULL_INDEX)) == 0;
+            std::memcpy(k, p, sizeof k);
+            return ((k[0] ^ e.key[0]) | (k[1] ^ e.key[1]) | (k[2] ^ e.key[2])) == 0;
         }
     }
-    // The node of a vertex the cache does not hold; hash is that of its bits.
-    unsigned node_of(const T* x, std::uint64_t hash) {
-        word k[3];
-        bits_of(x, k);
+    // The group of a vertex the cache does not hold; hash is that of its bits.
+    unsigned miss(const unsigned char* p, std::uint64_t hash) {
+        word bits[3], k[3];
+        std::memcpy(bits, p, sizeof bits);
         constexpr word e = float_bits<T>::kExponent;
-        if ((k[0] & e) == e || (k[1] & e) == e || (k[2] & e) == e) return append(x);  // not finite
-        if (((k[0] << 1) == 0) | ((k[1] << 1) == 0) | ((k[2] << 1) == 0)) {  // a zero: -0.0 as 0.0
-            for (int r = 0; r < 3; ++r) k[r] = k[r] == kNegativeZero ? 0 : k[r];
-            hash = hash3(k[0], k[1], k[2]);
-        }
+        if ((bits[0] & e) == e || (bits[1] & e) == e || (bits[2] & e) == e) return append(bits);  // not finite
+        for (int r = 0; r < 3; ++r) k[r] = bits[r] == kNegativeZero ? 0 : bits[r];  // -0.0 as 0.0
+        if (k[0] != bits[0] || k[1] != bits[1] || k[2] != bits[2]) hash = hash3(k[0], k[1], k[2]);
         recent_vertex& last = recent_[hash & recent_mask_];
-        if (last.node != NULL_INDEX && last.key[0] == k[0] && last.key[1] == k[1] && last.key[2] == k[2])
+        if (last.key[0] == k[0] && last.key[1] == k[1] && last.key[2] == k[2])
             return last.node;  // a vertex with -0.0, held under 0.0
-        const std::uint32_t tag = static_cast<std::uint32_t>(hash);
-        std::size_t i = static_cast<std::size_t>(hash >> shift_);
-        unsigned found = NULL_INDEX;
-        for (;; i = (i + 1) & mask_) {
-            const slot8& s = table_[i];
-            if (s.node == NULL_INDEX) break;
-            if (s.tag == tag && same(x, s.node)) {
-                found = s.node;
-                break;
-            }
-        }
-        if (found == NULL_INDEX) {
-            if (nodes_ + 1 > limit_) {
-                rehash(2 * table_.size());
-                i = static_cast<std::size_t>(hash >> shift_);
-                while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
-            }
-            found = append(x);
-            table_[i] = slot8{tag, found};
-        }
+        const unsigned found = append(bits);
         for (int r = 0; r < 3; ++r) last.key[r] = k[r];
         last.node = found;
         return found;
     }
-    unsigned append(const T* x) {
+    unsigned append(const word bits[3]) {
         if (nodes_ == coords_.cols()) {
             const std::size_t more = nodes_ < 1024 ? 1024 : nodes_;
             if (nodes_ + more >= NULL_INDEX || !coords_.resize(3, nodes_ + more)) throw std::bad_alloc();
         }
         double* c = coords_.col(nodes_);
-        for (int r = 0; r < 3; ++r) c[r] = static_cast<double>(x[r]);
+        for (int r = 0; r < 3; ++r) {
+            T x;
+            std::memcpy(&x, &bits[r], sizeof x);
+            c[r] = static_cast<double>(x);
+        }
         return static_cast<unsigned>(nodes_++);
     }
-    // The table's hash of a node (its coordinates came from T values).
-    std::uint64_t hash_of(unsigned node) const noexcept {
-        word k[3];
-        for (int r = 0; r < 3; ++r) {
-            const T x = static_cast<T>(coords(node)[r]);
-            std::memcpy(&k[r], &x, sizeof x);
-            if (k[r] == kNegativeZero) k[r] = 0;
-        }
-        return hash3(k[0], k[1], k[2]);
-    }
-    void rehash(std::size_t size) {
-        zq5::detail::vec<slot8> old(size, slot8{0, NULL_INDEX});
-        old.swap(table_);
-        mask_ = size - 1;
-        shift_ = shift_for(size);
-        limit_ = size / 10 * 6;  // load factor 0.6
-        for (const slot8& s : old) {
-            if (s.node == NULL_INDEX) continue;
-            std::size_t i = static_cast<std::size_t>(hash_of(s.node) >> shift_);
-            while (table_[i].node != NULL_INDEX) i = (i + 1) & mask_;
-            table_[i] = s;
-        }
-    }
 
-    zq5::detail::vec<slot8> table_;
-    std::size_t mask_ = 0, limit_ = 0;
-    unsigned shift_ = 64;
     zq5::detail::vec<recent_vertex> recent_;
     std::size_t recent_mask_ = 0;
-    dense2D<double> coords_;  // 3 x capacity; the first nodes_ columns hold the nodes
+    dense2D<double> coords_;  // 3 x capacity; the first nodes_ columns hold the groups
     std::size_t nodes_ = 0;
 };
 
-// Facets read so far (each vertex as its node) and the smallest positive facet
+// Facets read so far (each vertex as its group) and the smallest positive facet
 // measure (+inf while none).
 template <class T>
 struct facets {
@@ -409,27 +334,15 @@ struct facets {
         if (more > 1 && !connect.reserve(3, count + more)) return false;  // a known count: no room to spare
         return connect.resize(3, count + more);
     }
-    // Adds the m facets of vertices v[0..2], v[3..5], v[6..8], then v[9..11] ...
-    // (room made by grow).  Throws std::bad_alloc.
-    void add(const T* v, std::size_t m) {
-        unsigned char far[kScreen];
-        for (std::size_t first = 0; first < m; first += kScreen) {
-            const std::size_t n = m - first < kScreen ? m - first : kScreen;
-            const T* w = v + 9 * first;
-            if constexpr (std::is_same<T, float>::value) {
-                screen(w, n, min_measure, far);
-            } else {
-                for (std::size_t j = 0; j < n; ++j) far[j] = clearly_above(w + 9 * j, min_measure);
-            }
-            for (std::size_t j = 0; j < n; ++j) {
-                if (far[j]) continue;
-                double x[9];
-                for (int k = 0; k < 9; ++k) x[k] = static_cast<double>(w[9 * j + k]);
-                const double h = facet_measure(x, x + 3, x + 6);
-                if (h > 0.0 && h < min_measure) min_measure = h;
-            }
-        }
-        nodes.nodes_of(v, 3 * m, connect.col(count));
+    // Takes the measure of the facet of coordinates x[0..8] into account.
+    void measure(const double x[9]) noexcept {
+        const double h = facet_measure(x, x + 3, x + 6);
+        if (h > 0.0 && h < min_measure) min_measure = h;
+    }
+    // Adds m facets whose vertices lie at first + j * stride (room made by grow;
+    // their measures taken).  Throws std::bad_alloc.
+    void add(const unsigned char* first, std::size_t stride, std::size_t m) {
+        nodes.nodes_of(first, stride, m, connect.col(count));
         count += m;
     }
 };
@@ -485,8 +398,9 @@ int read_ascii(FILE* f, facets<double>& out) noexcept {
         if (!next() || !contains(line, "endloop")) return -3;
         if (!next() || !contains(line, "endfacet")) return -3;
         if (!out.grow(1)) return kNoMemory;
+        if (!clearly_above(&v[0][0], out.min_measure)) out.measure(&v[0][0]);
         try {
-            out.add(&v[0][0], 1);
+            out.add(reinterpret_cast<const unsigned char*>(&v[0][0]), sizeof v, 1);
         } catch (const std::bad_alloc&) {
             return kNoMemory;
         }
@@ -500,11 +414,19 @@ std::uint32_t le32(const unsigned char* b) noexcept {
     return static_cast<std::uint32_t>(b[0]) | static_cast<std::uint32_t>(b[1]) << 8 |
            static_cast<std::uint32_t>(b[2]) << 16 | static_cast<std::uint32_t>(b[3]) << 24;
 }
-float le_float(const unsigned char* b) noexcept {
-    const std::uint32_t u = le32(b);
-    float x;
-    std::memcpy(&x, &u, sizeof x);
-    return x;
+
+// The nine vertex coordinates of n facets (50 bytes apart, from v) as the host's
+// floats: the file's little-endian words byte-swapped on a big-endian host.
+void native_floats(unsigned char* v, std::size_t n) noexcept {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    for (std::size_t j = 0; j < n; ++j)
+        for (int k = 0; k < 9; ++k) {
+            const std::uint32_t u = le32(v + j * kFacetBytes + 4 * k);
+            std::memcpy(v + j * kFacetBytes + 4 * k, &u, sizeof u);
+        }
+#else
+    (void)v, (void)n;
+#endif
 }
 
 // 0, -2 (short header or a stream of unknown size), -3 (short count or facets),
@@ -524,22 +446,42 @@ int read_binary(FILE* f, facets<float>& out) noexcept {
     if (count > available) return -3;  // the reading would end inside a facet
 
     if (!out.grow(count)) return kNoMemory;
-    constexpr std::size_t kChunk = 4096;  // facets per read
+    // Facets are read kChunk at a time; their coordinates are also laid out in
+    // columns (coordinate k of facet j in columns[k][j]) for the size screen.
+    constexpr std::size_t kChunk = 4096;
     zq5::detail::vec<unsigned char> buffer;
-    zq5::detail::vec<float> vertices;
+    zq5::detail::vec<float> columns;
     try {
         buffer.resize(kChunk * kFacetBytes);
-        vertices.resize(kChunk * 9);
+        columns.resize(9 * kChunk);
         out.nodes.reserve(count);
         std::size_t done = 0;
         while (done < count) {
             const std::size_t n = count - done < kChunk ? count - done : kChunk;
             if (std::fread(buffer.data(), kFacetBytes, n, f) != n) return -3;
-            for (std::size_t i = 0; i < n; ++i) {
-                const unsigned char* b = buffer.data() + i * kFacetBytes + 12;  // past the normal
-                for (int k = 0; k < 9; ++k) vertices[9 * i + k] = le_float(b + 4 * k);
+            unsigned char* vertices = buffer.data() + 12;  // past the normal
+            native_floats(vertices, n);
+            float* x[9];
+            for (int k = 0; k < 9; ++k) x[k] = columns.data() + k * kChunk;
+            for (std::size_t j = 0; j < n; ++j) {
+                const unsigned char* b = vertices + j * kFacetBytes;
+                for (int k = 0; k < 9; ++k) std::memcpy(&x[k][j], b + 4 * k, 4);
             }
-            out.add(vertices.data(), n);
+            // The exact measure only for the facets the screen cannot rule out.
+            unsigned char far[kScreen];
+            for (std::size_t first = 0; first < n; first += kScreen) {
+                const std::size_t m = n - first < kScreen ? n - first : kScreen;
+                const float* y[9];
+                for (int k = 0; k < 9; ++k) y[k] = x[k] + first;
+                screen(y, m, out.min_measure, far);
+                for (std::size_t j = 0; j < m; ++j) {
+                    if (far[j]) continue;
+                    double c[9];
+                    for (int k = 0; k < 9; ++k) c[k] = static_cast<double>(y[k][j]);
+                    out.measure(c);
+                }
+            }
+            out.add(vertices, kFacetBytes, n);
             done += n;
         }
     } catch (const std::bad_alloc&) {
@@ -646,147 +588,157 @@ int merge_facets(dense2D<double>& pos, std::size_t n, double h2, dense2D<unsigne
     return 0;
 }
 
-// Cell width of the tolerance check, in tolerances: wide cells keep most nodes
-// away from the sides, so most nodes look into their own cell only.
+// Cell width of the check of distinct positions, in tolerances: wide cells keep
+// most positions away from the sides, so most look into their own cell only.
 constexpr double kCellWidth = 64.0;
 
-// True when two nodes (finite ones) lie within `tol` of each other, or a little
-// beyond (a relative 1e-6, so rounding can only send a mesh to the full merge,
-// never spare it one), and when the coordinates are too large for the grid.  The
-// nodes are distinct positions, so any such pair would merge under the tolerance.
-// The search is a hash grid of cells kCellWidth tol wide, filled in node order; a
-// node is compared with the nodes already in its cell and, when it lies within
-// tol of a side, in the next cell along that axis.  Throws std::bad_alloc.
+// Joins the groups of vertices at the same position and checks that distinct
+// positions lie apart.  position[v] gets the number of the position of group v;
+// positions are numbered in the order of their first group, and a group with a
+// coordinate that is not finite is a position of its own.  False (position then
+// unspecified) when two distinct positions lie within `tol` of each other, or a
+// little beyond (a relative 1e-6, so rounding can only send a mesh to the full
+// merges, never spare it one), or when coordinates are too large for the grid:
+// the full merges must then run.  The search is a hash grid of cells kCellWidth
+// tol wide, holding one group per position, filled in group order; a group is
+// compared with the groups in its cell and, when it lies within tol of a side,
+// with those of the next cell along that axis.  Throws std::bad_alloc.
 template <class T>
-bool near_nodes(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<slot8>& table) {
-    if (!(tol > 0.0)) return true;
+bool distinct_positions(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<unsigned>& position,
+                        std::size_t& count) {
+    count = 0;
+    if (!(tol > 0.0)) return false;
     const std::size_t m = nodes.nodes();
+    position.resize(m);
+    if (m == 0) return true;
+    const double* const xs = nodes.data();  // group v at xs + 3 v
     const double threshold = tol * tol * (1.0 + 1e-6);
-    const double width = kCellWidth * tol;
-    const double reach = 1.01 / kCellWidth;  // tol as a fraction of the width, with room
-    constexpr double kLimit = 2.0e9;         // cell numbers must fit in 32 bits
+    const double scale = 1.0 / (kCellWidth * tol);
+    constexpr double kLimit = 2.0e9;  // cell numbers must fit in 32 bits
+    // tol in cells, with room for rounding (positions in cells are below kLimit,
+    // so their rounding errors stay under 1e-6)
+    const double reach = 1.01 / kCellWidth + 1e-6;
     std::size_t size = 16;
-    while (size < 2 * m) size *= 2;
+    while (size < m + m / 2) size *= 2;
     const unsigned shift = shift_for(size);
     const std::size_t mask = size - 1;
-    table.assign(size, slot8{0, NULL_INDEX});        // node: the cell's last node
-    zq5::detail::vec<unsigned> next(m, NULL_INDEX);  // the node before, in the same cell
-    // The cell of position x (false beyond the grid) and where x lies in it.
-    // (floor by truncation: below kLimit the conversion is exact.)
-    const double scale = 1.0 / width;
-    auto cell_of = [scale](const double* x, std::uint32_t k[3], double f[3]) noexcept {
-        const double q[3] = {x[0] * scale, x[1] * scale, x[2] * scale};
-        if (!((std::fabs(q[0]) < kLimit) & (std::fabs(q[1]) < kLimit) & (std::fabs(q[2]) < kLimit))) return false;
-        for (int r = 0; r < 3; ++r) {
-            std::int64_t t = static_cast<std::int64_t>(q[r]);
-            t -= static_cast<std::int64_t>(static_cast<double>(t) > q[r]);
-            f[r] = q[r] - static_cast<double>(t);
-            k[r] = static_cast<std::uint32_t>(static_cast<std::int32_t>(t));
-        }
-        return true;
-    };
-    // Slot of cell k (the empty slot where it would go when it holds no node).
+    zq5::detail::vec<slot8> table(size, slot8{0, NULL_INDEX});  // node: the cell's last group
+    zq5::detail::vec<unsigned> next(m);                          // the group before, in the same cell
+    zq5::detail::vec<std::uint32_t> cells(3 * m);                // the cell of each group
+
+    // Slot of cell k (the empty slot where it would go when it holds no group).
     auto slot_of = [&](const std::uint32_t k[3], std::uint64_t hash) {
         const std::uint32_t tag = static_cast<std::uint32_t>(hash);
         std::size_t slot = static_cast<std::size_t>(hash >> shift);
         for (;; slot = (slot + 1) & mask) {
             const slot8& s = table[slot];
             if (s.node == NULL_INDEX) return slot;
-            if (s.tag != tag) continue;
-            std::uint32_t h[3] = {0, 0, 0};
-            double f[3];
-            cell_of(nodes.coords(s.node), h, f);
-            if (h[0] == k[0] && h[1] == k[1] && h[2] == k[2]) return slot;
+            const std::uint32_t* h = &cells[3 * static_cast<std::size_t>(s.node)];
+            if (s.tag == tag && h[0] == k[0] && h[1] == k[1] && h[2] == k[2]) return slot;
         }
     };
-    // The cells a node looks into (its own first) are found, and their slots
-    // fetched, a few nodes ahead of the comparisons.
-    constexpr std::size_t kAhead = 16, kRing = 32;
+    auto squared_distance = [](const double* x, const double* y) noexcept {
+        const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
+        return d0 * d0 + d1 * d1 + d2 * d2;
+    };
+
+    // The cells a group looks into (its own first) are found, and their slots
+    // fetched, a few groups ahead.
     struct look {
-        std::uint32_t k[3];
-        std::uint64_t hash;
+        unsigned sides;  // bit 2r: within reach of the lower side along r, 2r + 1: the upper
+        unsigned count;  // cells
+        std::uint64_t hash[8];
+        std::uint32_t k[8][3];
     };
-    struct node_looks {
-        unsigned count;  // 0: a node left out (not finite)
-        look cells[8];
-    };
-    node_looks ring[kRing];
-    // False when node v lies beyond the grid.
+    constexpr unsigned kNotFinite = ~0u;  // sides of a group that is not finite
+    constexpr std::size_t kAhead = 16, kRing = 32;
+    look ring[kRing];
+    // False when group v lies beyond the grid.
     auto prepare = [&](std::size_t v) {
-        node_looks& L = ring[v % kRing];
-        const double* x = nodes.coords(static_cast<unsigned>(v));
-        std::uint32_t k[3];
-        double f[3];
-        if (!cell_of(x, k, f)) {
-            L.count = 0;
-            // A coordinate that is not finite leaves the node out; a finite one
-            // beyond the grid ends the search.
+        look& L = ring[v % kRing];
+        const double* x = xs + 3 * v;
+        const double q[3] = {x[0] * scale, x[1] * scale, x[2] * scale};
+        if (!((std::fabs(q[0]) < kLimit) & (std::fabs(q[1]) < kLimit) & (std::fabs(q[2]) < kLimit))) {
+            L.sides = kNotFinite;
             return !(std::isfinite(x[0]) && std::isfinite(x[1]) && std::isfinite(x[2]));
         }
-        look* c = L.cells;
-        c[0] = look{{k[0], k[1], k[2]}, hash3(k[0], k[1], k[2])};
-        __builtin_prefetch(table.data() + static_cast<std::size_t>(c[0].hash >> shift));
-        L.count = 1;
-        // Sides within the tolerance (with room for rounding): bit 2r below, 2r+1 above.
+        std::uint32_t* k = &cells[3 * v];
         unsigned sides = 0;
         for (int r = 0; r < 3; ++r) {
-            const double slack = reach + 1e-9 + std::fabs(x[r] * scale) * 1e-15;
-            sides |= static_cast<unsigned>(f[r] < slack) << (2 * r);
-            sides |= static_cast<unsigned>(1.0 - f[r] < slack) << (2 * r + 1);
+            // floor by truncation: below kLimit the conversion is exact
+            std::int64_t t = static_cast<std::int64_t>(q[r]);
+            t -= static_cast<std::int64_t>(static_cast<double>(t) > q[r]);
+            const double f = q[r] - static_cast<double>(t);
+            k[r] = static_cast<std::uint32_t>(static_cast<std::int32_t>(t));
+            sides |= static_cast<unsigned>(f < reach) << (2 * r);
+            sides |= static_cast<unsigned>(f > 1.0 - reach) << (2 * r + 1);
         }
-        if (sides == 0) return true;
-        int lo[3], hi[3];
-        for (int r = 0; r < 3; ++r) {
-            lo[r] = -static_cast<int>(sides >> (2 * r) & 1);
-            hi[r] = static_cast<int>(sides >> (2 * r + 1) & 1);
-        }
-        unsigned n = 1;
-        for (int dx = lo[0]; dx <= hi[0]; ++dx)
-            for (int dy = lo[1]; dy <= hi[1]; ++dy)
-                for (int dz = lo[2]; dz <= hi[2]; ++dz)
-                    if (dx != 0 || dy != 0 || dz != 0) {
-                        const std::uint32_t q[3] = {k[0] + dx, k[1] + dy, k[2] + dz};
-                        c[n] = look{{q[0], q[1], q[2]}, hash3(q[0], q[1], q[2])};
-                        __builtin_prefetch(table.data() + static_cast<std::size_t>(c[n].hash >> shift));
-                        ++n;
+        L.sides = sides;
+        L.hash[0] = hash3(k[0], k[1], k[2]);
+        __builtin_prefetch(table.data() + static_cast<std::size_t>(L.hash[0] >> shift));
+        L.count = 1;
+        if (sides != 0) {
+            int lo[3], hi[3];
+            for (int r = 0; r < 3; ++r) {
+                lo[r] = -static_cast<int>(sides >> (2 * r) & 1);
+                hi[r] = static_cast<int>(sides >> (2 * r + 1) & 1);
+            }
+            for (int dx = lo[0]; dx <= hi[0]; ++dx)
+                for (int dy = lo[1]; dy <= hi[1]; ++dy)
+                    for (int dz = lo[2]; dz <= hi[2]; ++dz) {
+                        if (dx == 0 && dy == 0 && dz == 0) continue;
+                        std::uint32_t* c = L.k[L.count];
+                        c[0] = k[0] + dx, c[1] = k[1] + dy, c[2] = k[2] + dz;
+                        L.hash[L.count] = hash3(c[0], c[1], c[2]);
+                        __builtin_prefetch(table.data() + static_cast<std::size_t>(L.hash[L.count] >> shift));
+                        ++L.count;
                     }
-        L.count = n;
+        }
         return true;
     };
-    // True when node v lies within the tolerance of an earlier node.
-    auto compare = [&](std::size_t v) {
-        const node_looks& L = ring[v % kRing];
-        if (L.count == 0) return false;
-        const double* x = nodes.coords(static_cast<unsigned>(v));
-        std::size_t own = 0;
-        for (unsigned j = 0; j < L.count; ++j) {
-            const std::size_t slot = slot_of(L.cells[j].k, L.cells[j].hash);
-            if (j == 0) own = slot;
-            for (unsigned u = table[slot].node; u != NULL_INDEX; u = next[u]) {
-                const double* y = nodes.coords(u);
-                const double d0 = x[0] - y[0], d1 = x[1] - y[1], d2 = x[2] - y[2];
-                if (d0 * d0 + d1 * d1 + d2 * d2 <= threshold) return true;
+    // False when group v lies within the tolerance of another position.
+    auto place = [&](std::size_t v) {
+        const look& L = ring[v % kRing];
+        if (L.sides == kNotFinite) {
+            position[v] = static_cast<unsigned>(count++);
+            return true;
+        }
+        const double* x = xs + 3 * v;
+        const std::uint32_t* k = &cells[3 * v];
+        const std::size_t own = slot_of(k, L.hash[0]);
+        for (unsigned u = table[own].node; u != NULL_INDEX; u = next[u]) {
+            const double* y = xs + 3 * static_cast<std::size_t>(u);
+            if (squared_distance(x, y) <= threshold) {
+                if (!(x[0] == y[0] && x[1] == y[1] && x[2] == y[2])) return false;
+                position[v] = position[u];  // the same position
+                return true;
             }
         }
+        for (unsigned c = 1; c < L.count; ++c) {
+            const std::size_t slot = slot_of(L.k[c], L.hash[c]);
+            for (unsigned u = table[slot].node; u != NULL_INDEX; u = next[u])
+                if (squared_distance(x, xs + 3 * static_cast<std::size_t>(u)) <= threshold) return false;
+        }
         slot8& o = table[own];
-        if (o.node == NULL_INDEX) o.tag = static_cast<std::uint32_t>(L.cells[0].hash);
+        if (o.node == NULL_INDEX) o.tag = static_cast<std::uint32_t>(L.hash[0]);
         next[v] = o.node;
         o.node = static_cast<unsigned>(v);
-        return false;
+        position[v] = static_cast<unsigned>(count++);
+        return true;
     };
     for (std::size_t v = 0; v < m && v < kAhead; ++v)
-        if (!prepare(v)) return true;
+        if (!prepare(v)) return false;
     for (std::size_t v = 0; v < m; ++v) {
-        if (v + kAhead < m && !prepare(v + kAhead)) return true;
-        if (compare(v)) return true;
+        if (v + kAhead < m && !prepare(v + kAhead)) return false;
+        if (!place(v)) return false;
     }
-    return false;
+    return true;
 }
 
-// The facets as read, one vertex per column.  A vertex gets its node's coordinates,
-// which differ from its own only in the signs of zeros: the merges map a vertex
-// onto the earliest coincident one (it is nearer than anything else and comes
-// first), so only the bits of a node's first vertex can reach the result.
+// The facets as read, one vertex per column.  A vertex gets its group's
+// coordinates, which differ from its own only in the signs of zeros: the merges map
+// a vertex onto the earliest coincident one (it is nearer than anything else and
+// comes first), so only the bits of a position's first vertex can reach the result.
 template <class T>
 bool facet_vertices(const facets<T>& in, dense2D<double>& pos) noexcept {
     if (!pos.resize(3, 3 * in.count)) return false;
@@ -801,80 +753,73 @@ bool facet_vertices(const facets<T>& in, dense2D<double>& pos) noexcept {
 
 // The mesh with shared nodes: the vertices merged within the tolerance set by the
 // smallest facet measure, degenerate facets removed, unused nodes dropped.  When no
-// two distinct positions lie within the tolerance, that is the grouping of
-// coincident vertices made while reading (each vertex onto the first vertex with
-// its coordinates); otherwise the facets go through the merge operations.
-// 0 or a negative status.
+// two distinct positions lie within the tolerance, that is one node per position
+// (each vertex onto the first vertex at its position); otherwise the facets go
+// through the merge operations.  0 or a negative status.
 template <class T>
 int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM) noexcept {
     const std::size_t n = in.count;
     const double h2 = in.min_measure;
-    bool near = true;
+    zq5::detail::vec<unsigned> position;
+    std::size_t positions = 0;
+    bool apart = false;
     if (h2 > 0.0 && std::isfinite(h2)) {
         try {
-            zq5::detail::vec<slot8> table;
-            in.nodes.release_table(table);
-            near = near_nodes(in.nodes, kRelativeTolerance * std::sqrt(h2), table);
+            apart = distinct_positions(in.nodes, kRelativeTolerance * std::sqrt(h2), position, positions);
         } catch (const std::bad_alloc&) {
             return kNoMemory;
         }
     }
-    if (near) {
+    if (!apart) {
+        position = zq5::detail::vec<unsigned>();
         if (!facet_vertices(in, pos)) return kNoMemory;
         in.connect.clear_hard();
         return merge_facets(pos, n, h2, connectM);
     }
 
-    // Degenerate facets (a node twice) go; the others move forward in order.
+    // Facets by positions; degenerate ones (a position twice) go, the others move
+    // forward in order.
     dense2D<unsigned>& c = in.connect;
     std::size_t kept = 0;
     for (std::size_t j = 0; j < n; ++j) {
-        const unsigned a = c(0, j), b = c(1, j), d = c(2, j);
+        const unsigned* from = c.col(j);
+        const unsigned a = position[from[0]], b = position[from[1]], d = position[from[2]];
         if (a == b || b == d || a == d) continue;
-        if (kept != j) {
-            unsigned* to = c.col(kept);
-            to[0] = a, to[1] = b, to[2] = d;
-        }
-        ++kept;
+        unsigned* to = c.col(kept++);
+        to[0] = a, to[1] = b, to[2] = d;
     }
     c.resize(3, kept);  // same row count: never allocates
-    // Every node belongs to a facet; when facets went, the nodes left without one
-    // go too, the others keeping their order.
-    const std::size_t nodes = in.nodes.nodes();
+    // Every position belongs to a facet; when facets went, the positions left
+    // without one go too, the others keeping their order.
     zq5::detail::vec<unsigned> new_ids;
-    std::size_t used = nodes;
+    std::size_t used = positions;
     if (kept < n) {
         try {
-            new_ids.assign(nodes, NULL_INDEX);
+            new_ids.assign(positions, NULL_INDEX);
         } catch (const std::bad_alloc&) {
             return kNoMemory;
         }
         for (std::size_t j = 0; j < kept; ++j)
             for (std::size_t k = 0; k < 3; ++k) new_ids[c(k, j)] = 0;
         used = 0;
-        for (std::size_t v = 0; v < nodes; ++v)
-            if (new_ids[v] != NULL_INDEX) new_ids[v] = static_cast<unsigned>(used++);
+        for (std::size_t p = 0; p < positions; ++p)
+            if (new_ids[p] != NULL_INDEX) new_ids[p] = static_cast<unsigned>(used++);
         for (std::size_t j = 0; j < kept; ++j)
             for (std::size_t k = 0; k < 3; ++k) c(k, j) = new_ids[c(k, j)];
     }
-    dense2D<double>& x = in.nodes.coordinates();
-    if (used < nodes) {
-        for (std::size_t v = 0; v < nodes; ++v) {
-            const unsigned to = new_ids[v];
-            if (to == NULL_INDEX || to == v) continue;
-            const double* from = x.col(v);
-            double* into = x.col(to);
-            for (int r = 0; r < 3; ++r) into[r] = from[r];
-        }
-        x.resize(3, used);  // same row count: never allocates
+    // A node's coordinates are those of the first group at its position.
+    dense2D<double> x;
+    if (!x.resize(3, used)) return kNoMemory;
+    std::size_t first = 0;  // the next position whose first group is to come
+    for (std::size_t v = 0; v < in.nodes.nodes(); ++v) {
+        if (position[v] != first) continue;
+        const unsigned to = used < positions ? new_ids[first] : static_cast<unsigned>(first);
+        ++first;
+        if (to == NULL_INDEX) continue;
+        const double* y = in.nodes.coords(static_cast<unsigned>(v));
+        double* into = x.col(to);
+        for (int r = 0; r < 3; ++r) into[r] = y[r];
     }
-    // Hand out the nodes, in storage of about their size.
-    if (x.capacity() > 2 * x.entries() + 48) {
-        dense2D<double> tight;
-        if (!tight.copy(x)) return kNoMemory;
-        x = tight;
-    }
-    if (x.rows() != 3 && !x.resize(3, 0)) return kNoMemory;
     pos = x;
     connectM = c;
     return 0;
