@@ -200,7 +200,9 @@ unsigned shift_for(std::size_t size) noexcept {  // 64 - log2(size)
 // one is still in a small direct-mapped cache of recent vertices (facets sharing a
 // vertex usually lie close in a file), and starts a group otherwise.  A position
 // therefore has one group or a few; the check of distinct positions joins them
-// (distinct_positions).  Groups are numbered in the order of their first vertex
+// (distinct_positions).  In files whose facets come in no useful order the cache
+// fails; once it has missed more than 40% of the vertices, a table of all groups
+// answers what it does not hold, and no position gets a further group.  Groups are numbered in the order of their first vertex
 // and keep its coordinates, as doubles (3 x groups).  -0.0 and 0.0 coincide; a
 // vertex with a coordinate that is not finite is a group of its own (its distance
 // to anything is NaN or infinite).  T is float for binary files, double for ASCII
@@ -214,7 +216,8 @@ public:
     // Room for the groups of about `facets` facets (about 0.55 per facet in real
     // files, where the cache answers about 82% of the vertices).
     void reserve(std::size_t facets) {
-        if (!coords_.reserve(3, facets - facets / 4 + 16)) throw std::bad_alloc();
+        const std::size_t groups = facets - facets / 4 + 16;
+        if (!coords_.reserve(3, groups) || !coords_.resize(3, groups)) throw std::bad_alloc();
     }
 
     // node[3j + k] gets the group of vertex k of facet j < m; the three vertices of
@@ -241,15 +244,26 @@ public:
             const recent_vertex& e = recent[h & mask];
             return holds(e, p) ? e.node : miss(p, h);
         };
+        // With the table, its slots are fetched a few facets ahead.
+        constexpr std::size_t kAhead = 16;
         for (std::size_t j = 0; j < m; ++j, first += stride, node += 3) {
+            if (!table_.empty() && j + kAhead < m)
+                for (std::size_t k = 0; k < 3; ++k)
+                    __builtin_prefetch(table_.data() +
+                                       (hash_bits(first + kAhead * stride + k * kVertexBytes) >> shift_));
             node[0] = one(first);
             node[1] = one(first + kVertexBytes);
             node[2] = one(first + 2 * kVertexBytes);
         }
+        seen_ += 3 * m;
+        if (table_.empty() && seen_ >= kJudgeAfter && 5 * nodes_ > 2 * seen_) start_table();
     }
 
     std::size_t nodes() const noexcept { return nodes_; }
     const double* coords(unsigned node) const noexcept { return coords_.col(node); }
+    // The groups' storage, 3 x capacity, for the caller to rearrange when the
+    // grouping is over.
+    dense2D<double>& storage() noexcept { return coords_; }
     // The coordinates of group v at data() + 3 v (null while there is none).
     const double* data() const noexcept { return nodes_ ? coords_.col(0) : nullptr; }
 
@@ -293,10 +307,90 @@ private:
         recent_vertex& last = recent_[hash & recent_mask_];
         if (last.key[0] == k[0] && last.key[1] == k[1] && last.key[2] == k[2])
             return last.node;  // a vertex with -0.0, held under 0.0
-        const unsigned found = append(bits);
+        const unsigned found = table_.empty() ? append(bits) : find_or_append(bits, k, hash);
         for (int r = 0; r < 3; ++r) last.key[r] = k[r];
         last.node = found;
         return found;
+    }
+
+    // The table of groups: a slot holds the low 32 bits of the hash of a group's
+    // bits (-0.0 as 0.0; the index comes from the high bits) and the group
+    // (NULL_INDEX: empty); a matching tag is confirmed against the coordinates.
+    // The group at the position of bits (k: the same with -0.0 as 0.0, hash: its
+    // hash), a new one when there is none.
+    unsigned find_or_append(const word bits[3], const word k[3], std::uint64_t hash) {
+        const std::uint32_t tag = static_cast<std::uint32_t>(hash);
+        std::size_t i = static_cast<std::size_t>(hash >> shift_);
+        for (;; i = (i + 1) & (table_.size() - 1)) {
+            const slot8& s = table_[i];
+            if (s.node == NULL_INDEX) break;
+            if (s.tag == tag) {
+                const double* c = coords(s.node);
+                if (c[0] == value(k[0]) && c[1] == value(k[1]) && c[2] == value(k[2])) return s.node;
+            }
+        }
+        const unsigned found = append(bits);
+        insert(found, hash);
+        return found;
+    }
+    static double value(word w) noexcept {
+        T x;
+        std::memcpy(&x, &w, sizeof x);
+        return static_cast<double>(x);
+    }
+    // Hash of the bits of group v (finite), -0.0 as 0.0.
+    std::uint64_t hash_of(unsigned v) const noexcept {
+        word k[3];
+        for (int r = 0; r < 3; ++r) {
+            const T x = static_cast<T>(coords(v)[r]);
+            std::memcpy(&k[r], &x, sizeof x);
+            if (k[r] == kNegativeZero) k[r] = 0;
+        }
+        return hash3(k[0], k[1], k[2]);
+    }
+    // Enters group v (whose position the table does not hold) under hash.
+    void insert(unsigned v, std::uint64_t hash) {
+        if (2 * (++held_) > table_.size()) {  // load factor 1/2 at most
+            zq5::detail::vec<slot8> old(2 * table_.size(), slot8{0, NULL_INDEX});
+            old.swap(table_);
+            shift_ = shift_for(table_.size());
+            for (const slot8& s : old)
+                if (s.node != NULL_INDEX) place(s, hash_of(s.node));
+        }
+        place(slot8{static_cast<std::uint32_t>(hash), v}, hash);
+    }
+    void place(const slot8& s, std::uint64_t hash) noexcept {
+        std::size_t i = static_cast<std::size_t>(hash >> shift_);
+        while (table_[i].node != NULL_INDEX) i = (i + 1) & (table_.size() - 1);
+        table_[i] = s;
+    }
+    // The table, filled with the groups so far (one per position: later groups at
+    // a position stay out).
+    void start_table() {
+        table_.assign(1024, slot8{0, NULL_INDEX});
+        shift_ = shift_for(table_.size());
+        for (std::size_t v = 0; v < nodes_; ++v) {
+            const double* c = coords(static_cast<unsigned>(v));
+            if (!(std::isfinite(c[0]) && std::isfinite(c[1]) && std::isfinite(c[2]))) continue;
+            word bits[3], k[3];
+            for (int r = 0; r < 3; ++r) {
+                const T x = static_cast<T>(c[r]);
+                std::memcpy(&bits[r], &x, sizeof x);
+                k[r] = bits[r] == kNegativeZero ? 0 : bits[r];
+            }
+            const std::uint64_t hash = hash3(k[0], k[1], k[2]);
+            const std::uint32_t tag = static_cast<std::uint32_t>(hash);
+            bool held = false;
+            for (std::size_t i = static_cast<std::size_t>(hash >> shift_); table_[i].node != NULL_INDEX;
+                 i = (i + 1) & (table_.size() - 1)) {
+                const double* d = coords(table_[i].node);
+                if (table_[i].tag == tag && d[0] == c[0] && d[1] == c[1] && d[2] == c[2]) {
+                    held = true;
+                    break;
+                }
+            }
+            if (!held) insert(static_cast<unsigned>(v), hash);
+        }
     }
     unsigned append(const word bits[3]) {
         if (nodes_ == coords_.cols()) {
@@ -312,10 +406,16 @@ private:
         return static_cast<unsigned>(nodes_++);
     }
 
+    static constexpr std::size_t kJudgeAfter = 3 * 4096;  // vertices seen before the cache is judged
+
     zq5::detail::vec<recent_vertex> recent_;
     std::size_t recent_mask_ = 0;
     dense2D<double> coords_;  // 3 x capacity; the first nodes_ columns hold the groups
     std::size_t nodes_ = 0;
+    std::size_t seen_ = 0;             // vertices
+    zq5::detail::vec<slot8> table_;    // empty while the cache is trusted
+    std::size_t held_ = 0;             // groups in the table
+    unsigned shift_ = 64;
 };
 
 // Facets read so far (each vertex as its group) and the smallest positive facet
@@ -604,13 +704,19 @@ constexpr double kCellWidth = 64.0;
 // compared with the groups in its cell and, when it lies within tol of a side,
 // with those of the next cell along that axis.  Throws std::bad_alloc.
 template <class T>
-bool distinct_positions(const vertex_nodes<T>& nodes, double tol, zq5::detail::vec<unsigned>& position,
+bool distinct_positions(const vertex_nodes<T>& nodes, double tol, dense1D<unsigned>& positions,
                         std::size_t& count) {
     count = 0;
     if (!(tol > 0.0)) return false;
     const std::size_t m = nodes.nodes();
-    position.resize(m);
+    // (storage written before it is read: left uninitialised)
+    dense1D<unsigned> nexts;
+    dense1D<std::uint32_t> cell_numbers;
+    if (!positions.resize(m) || !nexts.resize(m) || !cell_numbers.resize(3 * m)) throw std::bad_alloc();
     if (m == 0) return true;
+    unsigned* const position = positions.data();
+    unsigned* const next = nexts.data();                 // the group before, in the same cell
+    std::uint32_t* const cells = cell_numbers.data();   // the cell of each group
     const double* const xs = nodes.data();  // group v at xs + 3 v
     const double threshold = tol * tol * (1.0 + 1e-6);
     const double scale = 1.0 / (kCellWidth * tol);
@@ -623,8 +729,6 @@ bool distinct_positions(const vertex_nodes<T>& nodes, double tol, zq5::detail::v
     const unsigned shift = shift_for(size);
     const std::size_t mask = size - 1;
     zq5::detail::vec<slot8> table(size, slot8{0, NULL_INDEX});  // node: the cell's last group
-    zq5::detail::vec<unsigned> next(m);                          // the group before, in the same cell
-    zq5::detail::vec<std::uint32_t> cells(3 * m);                // the cell of each group
 
     // Slot of cell k (the empty slot where it would go when it holds no group).
     auto slot_of = [&](const std::uint32_t k[3], std::uint64_t hash) {
@@ -726,10 +830,21 @@ bool distinct_positions(const vertex_nodes<T>& nodes, double tol, zq5::detail::v
         position[v] = static_cast<unsigned>(count++);
         return true;
     };
+    // Half way, the slot has come: the cell's last group is fetched too (in files
+    // whose facets come in no particular order it lies anywhere).
+    auto fetch_last = [&](std::size_t v) {
+        const look& L = ring[v % kRing];
+        if (L.sides == kNotFinite) return;
+        const unsigned u = table[static_cast<std::size_t>(L.hash[0] >> shift)].node;
+        if (u == NULL_INDEX) return;
+        __builtin_prefetch(cells + 3 * static_cast<std::size_t>(u));
+        __builtin_prefetch(xs + 3 * static_cast<std::size_t>(u));
+    };
     for (std::size_t v = 0; v < m && v < kAhead; ++v)
         if (!prepare(v)) return false;
     for (std::size_t v = 0; v < m; ++v) {
         if (v + kAhead < m && !prepare(v + kAhead)) return false;
+        if (v + kAhead / 2 < m) fetch_last(v + kAhead / 2);
         if (!place(v)) return false;
     }
     return true;
@@ -760,18 +875,18 @@ template <class T>
 int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM) noexcept {
     const std::size_t n = in.count;
     const double h2 = in.min_measure;
-    zq5::detail::vec<unsigned> position;
+    dense1D<unsigned> position_of;
     std::size_t positions = 0;
     bool apart = false;
     if (h2 > 0.0 && std::isfinite(h2)) {
         try {
-            apart = distinct_positions(in.nodes, kRelativeTolerance * std::sqrt(h2), position, positions);
+            apart = distinct_positions(in.nodes, kRelativeTolerance * std::sqrt(h2), position_of, positions);
         } catch (const std::bad_alloc&) {
             return kNoMemory;
         }
     }
     if (!apart) {
-        position = zq5::detail::vec<unsigned>();
+        position_of.clear_hard();
         if (!facet_vertices(in, pos)) return kNoMemory;
         in.connect.clear_hard();
         return merge_facets(pos, n, h2, connectM);
@@ -779,6 +894,7 @@ int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM
 
     // Facets by positions; degenerate ones (a position twice) go, the others move
     // forward in order.
+    const unsigned* position = position_of.data();
     dense2D<unsigned>& c = in.connect;
     std::size_t kept = 0;
     for (std::size_t j = 0; j < n; ++j) {
@@ -807,18 +923,26 @@ int share_nodes(facets<T>& in, dense2D<double>& pos, dense2D<unsigned>& connectM
         for (std::size_t j = 0; j < kept; ++j)
             for (std::size_t k = 0; k < 3; ++k) c(k, j) = new_ids[c(k, j)];
     }
-    // A node's coordinates are those of the first group at its position.
-    dense2D<double> x;
-    if (!x.resize(3, used)) return kNoMemory;
+    // A node's coordinates are those of the first group at its position, moved
+    // forward in the groups' storage (a node comes no later than its first group).
+    const std::size_t groups = in.nodes.nodes();
+    dense2D<double>& x = in.nodes.storage();
     std::size_t first = 0;  // the next position whose first group is to come
-    for (std::size_t v = 0; v < in.nodes.nodes(); ++v) {
+    for (std::size_t v = 0; v < groups; ++v) {
         if (position[v] != first) continue;
         const unsigned to = used < positions ? new_ids[first] : static_cast<unsigned>(first);
         ++first;
-        if (to == NULL_INDEX) continue;
-        const double* y = in.nodes.coords(static_cast<unsigned>(v));
+        if (to == NULL_INDEX || to == v) continue;
+        const double* from = x.col(v);
         double* into = x.col(to);
-        for (int r = 0; r < 3; ++r) into[r] = y[r];
+        for (int r = 0; r < 3; ++r) into[r] = from[r];
+    }
+    x.resize(3, used);  // fewer columns: never allocates
+    // Hand out the nodes in storage of about their size.
+    if (x.capacity() > 2 * x.entries() + 48) {
+        dense2D<double> tight;
+        if (!tight.copy(x)) return kNoMemory;
+        x = tight;
     }
     pos = x;
     connectM = c;
