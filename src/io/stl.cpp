@@ -246,8 +246,9 @@ public:
         };
         // With the table, its slots are fetched a few facets ahead.
         constexpr std::size_t kAhead = 16;
+        const bool table = !table_.empty();
         for (std::size_t j = 0; j < m; ++j, first += stride, node += 3) {
-            if (!table_.empty() && j + kAhead < m)
+            if (table && j + kAhead < m)
                 for (std::size_t k = 0; k < 3; ++k)
                     __builtin_prefetch(table_.data() +
                                        (hash_bits(first + kAhead * stride + k * kVertexBytes) >> shift_));
