@@ -202,11 +202,12 @@ unsigned shift_for(std::size_t size) noexcept {  // 64 - log2(size)
 // therefore has one group or a few; the check of distinct positions joins them
 // (distinct_positions).  In files whose facets come in no useful order the cache
 // fails; once it has missed more than 40% of the vertices, a table of all groups
-// answers what it does not hold, and no position gets a further group.  Groups are numbered in the order of their first vertex
-// and keep its coordinates, as doubles (3 x groups).  -0.0 and 0.0 coincide; a
-// vertex with a coordinate that is not finite is a group of its own (its distance
-// to anything is NaN or infinite).  T is float for binary files, double for ASCII
-// ones.  Throws std::bad_alloc.
+// answers what it does not hold, and no position gets a further group.  Groups
+// are numbered in the order of their first vertex and keep its coordinates, as
+// doubles (3 x groups).  -0.0 and 0.0 coincide; a vertex with a coordinate that
+// is not finite is a group of its own (its distance to anything is NaN or
+// infinite).  T is float for binary files, double for ASCII ones.  Throws
+// std::bad_alloc.
 template <class T>
 class vertex_nodes {
 public:
