@@ -153,9 +153,9 @@ void screen(const float* const x[9], std::size_t m, double bound, unsigned char*
 // ---------------------------------------------------------------------------
 // Coincident vertices, grouped while the facets are read.
 
-// A slot of the open-addressed grid table: the low 32 bits of the key's hash (the
-// table index comes from the high bits) and a node (NULL_INDEX: empty).  A slot
-// whose tag matches is confirmed against the node's coordinates.
+// A slot of the open-addressed tables (of groups, of grid cells): the low 32 bits
+// of the key's hash (the table index comes from the high bits) and a node
+// (NULL_INDEX: empty).  A slot whose tag matches is confirmed against the node.
 struct slot8 {
     std::uint32_t tag;
     unsigned node;
@@ -318,21 +318,26 @@ private:
     // The table of groups: a slot holds the low 32 bits of the hash of a group's
     // bits (-0.0 as 0.0; the index comes from the high bits) and the group
     // (NULL_INDEX: empty); a matching tag is confirmed against the coordinates.
-    // The group at the position of bits (k: the same with -0.0 as 0.0, hash: its
-    // hash), a new one when there is none.
-    unsigned find_or_append(const word bits[3], const word k[3], std::uint64_t hash) {
+    // The group at position k (bits with -0.0 as 0.0, hash: its hash), NULL_INDEX
+    // when the table holds none.
+    unsigned find(const word k[3], std::uint64_t hash) const noexcept {
         const std::uint32_t tag = static_cast<std::uint32_t>(hash);
-        std::size_t i = static_cast<std::size_t>(hash >> shift_);
-        for (;; i = (i + 1) & (table_.size() - 1)) {
+        for (std::size_t i = static_cast<std::size_t>(hash >> shift_); table_[i].node != NULL_INDEX;
+             i = (i + 1) & (table_.size() - 1)) {
             const slot8& s = table_[i];
-            if (s.node == NULL_INDEX) break;
-            if (s.tag == tag) {
-                const double* c = coords(s.node);
-                if (c[0] == value(k[0]) && c[1] == value(k[1]) && c[2] == value(k[2])) return s.node;
-            }
+            const double* c = coords(s.node);
+            if (s.tag == tag && c[0] == value(k[0]) && c[1] == value(k[1]) && c[2] == value(k[2])) return s.node;
         }
-        const unsigned found = append(bits);
-        insert(found, hash);
+        return NULL_INDEX;
+    }
+    // The group at the position of bits (k, hash: as for find), a new one when
+    // there is none.
+    unsigned find_or_append(const word bits[3], const word k[3], std::uint64_t hash) {
+        unsigned found = find(k, hash);
+        if (found == NULL_INDEX) {
+            found = append(bits);
+            insert(found, hash);
+        }
         return found;
     }
     static double value(word w) noexcept {
@@ -340,9 +345,8 @@ private:
         std::memcpy(&x, &w, sizeof x);
         return static_cast<double>(x);
     }
-    // Hash of the bits of group v (finite), -0.0 as 0.0.
-    std::uint64_t hash_of(unsigned v) const noexcept {
-        word k[3];
+    // The bits of group v, -0.0 as 0.0, and their hash.
+    std::uint64_t key_of(unsigned v, word k[3]) const noexcept {
         for (int r = 0; r < 3; ++r) {
             const T x = static_cast<T>(coords(v)[r]);
             std::memcpy(&k[r], &x, sizeof x);
@@ -356,8 +360,9 @@ private:
             zq5::detail::vec<slot8> old(2 * table_.size(), slot8{0, NULL_INDEX});
             old.swap(table_);
             shift_ = shift_for(table_.size());
+            word k[3];
             for (const slot8& s : old)
-                if (s.node != NULL_INDEX) place(s, hash_of(s.node));
+                if (s.node != NULL_INDEX) place(s, key_of(s.node, k));
         }
         place(slot8{static_cast<std::uint32_t>(hash), v}, hash);
     }
@@ -374,24 +379,9 @@ private:
         for (std::size_t v = 0; v < nodes_; ++v) {
             const double* c = coords(static_cast<unsigned>(v));
             if (!(std::isfinite(c[0]) && std::isfinite(c[1]) && std::isfinite(c[2]))) continue;
-            word bits[3], k[3];
-            for (int r = 0; r < 3; ++r) {
-                const T x = static_cast<T>(c[r]);
-                std::memcpy(&bits[r], &x, sizeof x);
-                k[r] = bits[r] == kNegativeZero ? 0 : bits[r];
-            }
-            const std::uint64_t hash = hash3(k[0], k[1], k[2]);
-            const std::uint32_t tag = static_cast<std::uint32_t>(hash);
-            bool held = false;
-            for (std::size_t i = static_cast<std::size_t>(hash >> shift_); table_[i].node != NULL_INDEX;
-                 i = (i + 1) & (table_.size() - 1)) {
-                const double* d = coords(table_[i].node);
-                if (table_[i].tag == tag && d[0] == c[0] && d[1] == c[1] && d[2] == c[2]) {
-                    held = true;
-                    break;
-                }
-            }
-            if (!held) insert(static_cast<unsigned>(v), hash);
+            word k[3];
+            const std::uint64_t hash = key_of(static_cast<unsigned>(v), k);
+            if (find(k, hash) == NULL_INDEX) insert(static_cast<unsigned>(v), hash);
         }
     }
     unsigned append(const word bits[3]) {
@@ -400,11 +390,7 @@ private:
             if (nodes_ + more >= NULL_INDEX || !coords_.resize(3, nodes_ + more)) throw std::bad_alloc();
         }
         double* c = coords_.col(nodes_);
-        for (int r = 0; r < 3; ++r) {
-            T x;
-            std::memcpy(&x, &bits[r], sizeof x);
-            c[r] = static_cast<double>(x);
-        }
+        for (int r = 0; r < 3; ++r) c[r] = value(bits[r]);
         return static_cast<unsigned>(nodes_++);
     }
 
